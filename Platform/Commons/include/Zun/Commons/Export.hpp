@@ -1,0 +1,4 @@
+// Symbol visibility for the framework libraries: everything is hidden unless marked.
+#pragma once
+
+#define ZUN_EXPORT __attribute__((visibility("default")))

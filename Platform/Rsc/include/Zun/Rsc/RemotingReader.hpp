@@ -1,0 +1,55 @@
+// Reads the byte stream that RemotingWriter writes (encoding described there). Every fault of the
+// input is a RemotingException, never undefined behaviour: an unexpected tag or encoding, a string
+// that does not fit its capacity, a count above 2^31 - 1, a wrong struct field count, and the end
+// of the data.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "Zun/Commons/DateTime.hpp"
+#include "Zun/Commons/Export.hpp"
+#include "Zun/Rsc/RscType.hpp"
+
+namespace Zun::System::Rsc
+{
+
+class ZUN_EXPORT RemotingReader
+{
+public:
+    static constexpr unsigned MaxDepth = 16;
+
+    // Reads from `data`, which must outlive the reader.
+    RemotingReader(const std::uint8_t* data, std::size_t size);
+    ~RemotingReader();
+    RemotingReader(const RemotingReader&) = delete;
+    RemotingReader& operator=(const RemotingReader&) = delete;
+
+    void ReadTag(RscType expected);
+    // Fills `buffer` (capacity bytes) with the text and zeroes the rest of it.
+    void ReadStringInternal(char* buffer, std::size_t capacity, RscStringEncoding encoding, bool withTag);
+    std::size_t ReadArrayLength();
+    void ReadDataInternal(void* buffer, std::size_t size);
+    DateTime ReadDateTime();
+    void ReadBeginStruct(std::size_t expectedFieldCount);
+
+    // The reader for the fields of a nested record; it shares the position.
+    RemotingReader& GetNestedDataReader();
+    unsigned GetDepth() const noexcept { return depth; }
+    std::size_t GetPosition() const noexcept { return *position; }
+    std::size_t GetRemaining() const noexcept { return size - *position; }
+
+private:
+    RemotingReader(const std::uint8_t* data, std::size_t size, std::shared_ptr<std::size_t> position, unsigned depth);
+    void Require(std::size_t count) const;
+    std::uint32_t ReadUInt32();
+
+    const std::uint8_t* data;
+    std::size_t size;
+    std::shared_ptr<std::size_t> position;
+    unsigned depth;
+    std::unique_ptr<RemotingReader> nested;
+};
+
+} // namespace Zun::System::Rsc

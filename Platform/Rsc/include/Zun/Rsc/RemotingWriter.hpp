@@ -1,0 +1,60 @@
+// Writes the remote-call byte stream. The encoding, in one place (all integers little-endian):
+//
+//   tag            1 byte, an RscType value
+//   string         [tag 19, if written with its tag] encoding (1 byte) length (u32) bytes (no terminator)
+//   array length   u32
+//   raw data       the bytes as given (the records write their 32-bit fields and booleans this way)
+//   date and time  8 bytes, the DateTime's binary value (ticks and kind)
+//   struct header  tag 18, field count (u32)
+//
+// Nested records are written through the nested-data writer, which appends to the same buffer and
+// counts the nesting depth (at most MaxDepth levels).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Zun/Commons/DateTime.hpp"
+#include "Zun/Commons/Export.hpp"
+#include "Zun/Rsc/RscType.hpp"
+
+namespace Zun::System::Rsc
+{
+
+class ZUN_EXPORT RemotingWriter
+{
+public:
+    static constexpr unsigned MaxDepth = 16;
+
+    // Appends to `buffer`, which must outlive the writer.
+    explicit RemotingWriter(std::vector<std::uint8_t>& buffer);
+    ~RemotingWriter();
+    RemotingWriter(const RemotingWriter&) = delete;
+    RemotingWriter& operator=(const RemotingWriter&) = delete;
+
+    void WriteTag(RscType tag);
+    // Writes the text up to its terminator; throws RemotingException when the text has no
+    // terminator within `capacity`.
+    void WriteStringInternal(const char* text, std::size_t capacity, RscStringEncoding encoding, bool withTag);
+    void WriteArrayLength(std::size_t count);
+    void WriteDataInternal(const void* data, std::size_t size);
+    void WriteDateTime(const DateTime& value);
+    void WriteBeginStruct(std::size_t fieldCount);
+
+    // The writer for the fields of a nested record.
+    RemotingWriter& GetNestedDataWriter();
+    unsigned GetDepth() const noexcept { return depth; }
+    std::size_t GetSize() const noexcept { return buffer.size(); }
+
+private:
+    RemotingWriter(std::vector<std::uint8_t>& buffer, unsigned depth);
+    void WriteUInt32(std::uint32_t value);
+
+    std::vector<std::uint8_t>& buffer;
+    unsigned depth;
+    std::unique_ptr<RemotingWriter> nested;
+};
+
+} // namespace Zun::System::Rsc

@@ -1,0 +1,53 @@
+// Thread coordination for tests: a countdown latch and a one-shot notification, with bounded waits.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+
+namespace Zun::Testing
+{
+
+class Latch
+{
+public:
+    explicit Latch(std::size_t count) : count(count) {}
+
+    void CountDown()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (count > 0 && --count == 0)
+        {
+            done.notify_all();
+        }
+    }
+    bool WaitFor(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return done.wait_for(lock, timeout, [this] { return count == 0; });
+    }
+    void ArriveAndWait(std::chrono::milliseconds timeout = std::chrono::seconds(20))
+    {
+        CountDown();
+        WaitFor(timeout);
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable done;
+    std::size_t count;
+};
+
+class Notification
+{
+public:
+    void Notify() { latch.CountDown(); }
+    bool WaitFor(std::chrono::milliseconds timeout = std::chrono::seconds(20)) { return latch.WaitFor(timeout); }
+    bool HasBeenNotified() { return latch.WaitFor(std::chrono::milliseconds(0)); }
+
+private:
+    Latch latch{1};
+};
+
+} // namespace Zun::Testing
