@@ -93,9 +93,14 @@ public:
     // The status thread's state (0 or 2), or -1 when there is no thread object.
     int GetStatusThreadState();
 
+    // The manager's state classes: in progress (1, 3, 5) and failed (2, 4, 6); 7 and above are neither.
+    static bool IsManagerInProgress(ManagerInstallationState state) noexcept;
+    static bool IsManagerFailed(ManagerInstallationState state) noexcept;
+
 private:
     // Re-reads the record: Good, or Bad_UnexpectedError when the store has none.
     StatusCode ReRead(const String& name, SoftwareUpdateStatus& status) const;
+    StatusCode ReportRevisionMismatch(const SoftwareInformation& information, const String& targetRevision) const;
 
     std::shared_ptr<IUpdaterStatus> updaterStatus;
     std::shared_ptr<ISoftwareManagerService> softwareManagerService;
