@@ -40,17 +40,30 @@ private:
     std::vector<CapturedLine> lines;
 };
 
+namespace
+{
+// Captures may nest; the stderr sink comes back only when the last of them ends.
+std::mutex activeMutex;
+std::size_t activeCaptures = 0;
+} // namespace
+
 LogCapture::LogCapture(int level) : sink(std::make_shared<Sink>()), previousLevel(LogManager::GetDefaultLevel())
 {
+    std::lock_guard<std::mutex> lock(activeMutex);
     LogManager::SetAllLevels(level);
     LogManager::SetStandardErrorSinkEnabled(false);
     LogManager::AddSink(sink);
+    ++activeCaptures;
 }
 
 LogCapture::~LogCapture()
 {
+    std::lock_guard<std::mutex> lock(activeMutex);
     LogManager::RemoveSink(sink);
-    LogManager::SetStandardErrorSinkEnabled(true);
+    if (--activeCaptures == 0)
+    {
+        LogManager::SetStandardErrorSinkEnabled(true);
+    }
     LogManager::SetAllLevels(previousLevel);
 }
 
