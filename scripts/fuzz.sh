@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Runs one fuzz target under libFuzzer (clang 14, AddressSanitizer and UBSan) for a number of seconds.
+#   bash scripts/fuzz.sh TARGET [SECONDS] [extra libFuzzer options...]
+#   TARGET: FuzzComponentId | FuzzRecords | FuzzFrame     SECONDS: default 60
+# New interesting inputs go to build/fuzz/corpus/TARGET (not committed); crash inputs to
+# build/fuzz/artifacts/. Replay one with: build/fuzz/bin/TARGET -runs=1 FILE
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+target=${1:?usage: fuzz.sh TARGET [SECONDS] [libFuzzer options...]}
+seconds=${2:-60}
+shift $(( $# >= 2 ? 2 : 1 ))
+
+case "$target" in
+  FuzzComponentId|FuzzRecords|FuzzFrame) ;;
+  *) echo "fuzz.sh: unknown target '$target' (FuzzComponentId, FuzzRecords, FuzzFrame)" >&2; exit 2 ;;
+esac
+[[ "$seconds" =~ ^[0-9]+$ ]] || { echo "fuzz.sh: SECONDS must be a whole number" >&2; exit 2; }
+
+if ! command -v clang++-14 >/dev/null; then
+  bash scripts/install-deps.sh
+fi
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz --target "$target"
+
+work=build/fuzz/corpus/$target
+artifacts=build/fuzz/artifacts/
+mkdir -p "$work" "$artifacts"
+export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+# The first directory receives new inputs; the committed seeds are only read.
+exec "build/fuzz/bin/$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts" \
+  -max_len=8192 -timeout=10 -rss_limit_mb=2048 "$@" "$work" "fuzz/corpus/$target"
