@@ -145,7 +145,8 @@ void Manifest::ReadFrom(System::Rsc::RemotingReader& reader)
     }
 }
 
-bool operator==(const Manifest& a, const Manifest& b) noexcept
+// Exported here: the class attribute does not reach a friend declared inside it.
+ZUN_EXPORT bool operator==(const Manifest& a, const Manifest& b) noexcept
 {
     return a.ShortText == b.ShortText && a.Text1 == b.Text1 && a.Manufacturer == b.Manufacturer &&
            a.ManufacturerUri == b.ManufacturerUri && a.Text2 == b.Text2 && a.Text3 == b.Text3 && a.Version == b.Version &&

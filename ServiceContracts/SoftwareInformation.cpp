@@ -62,7 +62,8 @@ void SoftwareInformation::ReadFrom(System::Rsc::RemotingReader& reader)
     PendingManifest.ReadFrom(reader.GetNestedDataReader());
 }
 
-bool operator==(const SoftwareInformation& a, const SoftwareInformation& b) noexcept
+// Exported here: the class attribute does not reach a friend declared inside it.
+ZUN_EXPORT bool operator==(const SoftwareInformation& a, const SoftwareInformation& b) noexcept
 {
     return a.Name == b.Name && a.Kind == b.Kind && a.HasCurrentManifest == b.HasCurrentManifest &&
            a.CurrentManifest == b.CurrentManifest && a.HasPendingManifest == b.HasPendingManifest &&

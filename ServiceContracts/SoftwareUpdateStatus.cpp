@@ -41,7 +41,8 @@ void SoftwareUpdateStatus::ReadFrom(System::Rsc::RemotingReader& reader)
     StatusFlag = flag != 0;
 }
 
-bool operator==(const SoftwareUpdateStatus& a, const SoftwareUpdateStatus& b) noexcept
+// Exported here: the class attribute does not reach a friend declared inside it.
+ZUN_EXPORT bool operator==(const SoftwareUpdateStatus& a, const SoftwareUpdateStatus& b) noexcept
 {
     return a.ErrorMessage == b.ErrorMessage && a.StatusWord1 == b.StatusWord1 && a.StatusWord2 == b.StatusWord2 &&
            a.InstallationState == b.InstallationState && a.StatusFlag == b.StatusFlag;

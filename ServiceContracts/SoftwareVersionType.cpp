@@ -100,7 +100,8 @@ void SoftwareVersionType::Reset() noexcept
     ChangeLogReference = Text();
 }
 
-bool operator==(const SoftwareVersionType& a, const SoftwareVersionType& b) noexcept
+// Exported here: the class attribute does not reach a friend declared inside it.
+ZUN_EXPORT bool operator==(const SoftwareVersionType& a, const SoftwareVersionType& b) noexcept
 {
     return a.Manufacturer == b.Manufacturer && a.ManufacturerUri == b.ManufacturerUri &&
            a.SoftwareRevision == b.SoftwareRevision && a.PatchIdentifiers == b.PatchIdentifiers &&
