@@ -133,16 +133,6 @@ TEST(ManifestTest, ListCountsAtTheLimitAreLengthErrors)
     ExpectThrowWithMessage<std::length_error>([&] { Read<Manifest>(tags); }, "vector::reserve");
 }
 
-TEST(ManifestTest, TagListWithAnotherFieldCountIsAStreamFault)
-{
-    const Bytes data = HeadUpToDate()
-                           .Text("").Tag(RscType::Array).Tag(RscType::String).U32(0).Text("").UInt32(0)
-                           .Tag(RscType::Array).Struct(3).U32(0)
-                           .bytes;
-    ExpectThrowWithMessage<RemotingException>([&] { Read<Manifest>(data); },
-                                              "Unexpected struct field count 3 where 2 was expected.");
-}
-
 TEST(TagTest, WritesNameAndValueAndReadsThemBack)
 {
     const Bytes expected = WireBytes().Text("name").Text("value").bytes;

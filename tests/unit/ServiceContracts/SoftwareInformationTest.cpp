@@ -105,11 +105,4 @@ TEST(SoftwareInformationTest, TruncatedStreamsFailAsStreamFaults)
     ExpectEveryPrefixFails<SoftwareInformation>(Expected(true));
 }
 
-TEST(SoftwareInformationTest, ManifestStructWithAnotherFieldCountIsAStreamFault)
-{
-    const Bytes data = WireBytes().Text("app").Int32(1).Bool(false).Struct(12).bytes;
-    ExpectThrowWithMessage<Zun::System::Rsc::RemotingException>([&] { Read<SoftwareInformation>(data); },
-                                                                "Unexpected struct field count 12 where 13 was expected.");
-}
-
 } // namespace

@@ -34,13 +34,6 @@ TEST(SoftwareUpdateStatusTest, ErrorStateWritesTheExactSequence)
     EXPECT_EQ(Read<SoftwareUpdateStatus>(expected), ErrorStatus());
 }
 
-TEST(SoftwareUpdateStatusTest, DefaultRecordRoundTrips)
-{
-    const Bytes expected = WireBytes().Text("").Int32(0).Int32(0).Int32(0).Bool(false).bytes;
-    EXPECT_EQ(Write(SoftwareUpdateStatus()), expected);
-    EXPECT_EQ(Read<SoftwareUpdateStatus>(expected), SoftwareUpdateStatus());
-}
-
 TEST(SoftwareUpdateStatusTest, AnyNonZeroFlagByteReadsAsTrue)
 {
     const Bytes data = WireBytes().Text("").Int32(0).Int32(0).Int32(1).Tag(Zun::System::Rsc::RscType::Bool).Byte(0x80).bytes;
