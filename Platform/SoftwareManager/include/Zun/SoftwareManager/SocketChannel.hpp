@@ -67,6 +67,13 @@ public:
     bool IsOpen() const noexcept { return fd >= 0; }
     int GetDescriptor() const noexcept { return fd; }
     void Close() noexcept;
+    // Gives up ownership of the descriptor.
+    int Release() noexcept
+    {
+        const int released = fd;
+        fd = -1;
+        return released;
+    }
 
 private:
     // Waits for `events`; Ok when ready.
