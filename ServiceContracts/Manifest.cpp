@@ -42,11 +42,16 @@ std::size_t ReadListCount(System::Rsc::RemotingReader& reader)
     return count;
 }
 
+// Smallest encodings of one element: an untagged string is its encoding byte and its length;
+// a tag is two tagged strings.
+constexpr std::size_t MinUntaggedStringBytes = 1 + 4;
+constexpr std::size_t MinTagBytes = 2 * (1 + 1 + 4);
+
 // A count is only a claim of the stream; never reserve more than the bytes left could hold.
 template <class T>
-void ReserveFor(std::vector<T>& list, std::size_t count, const System::Rsc::RemotingReader& reader)
+void ReserveFor(std::vector<T>& list, std::size_t count, const System::Rsc::RemotingReader& reader, std::size_t minElementBytes)
 {
-    list.reserve(list.size() + std::min(count, reader.GetRemaining()));
+    list.reserve(list.size() + std::min(count, reader.GetRemaining() / minElementBytes));
 }
 
 } // namespace
@@ -117,7 +122,7 @@ void Manifest::ReadFrom(System::Rsc::RemotingReader& reader)
     reader.ReadTag(RscType::Array);
     reader.ReadTag(RscType::String);
     const std::size_t textCount = ReadListCount(reader);
-    ReserveFor(TextList, textCount, reader);
+    ReserveFor(TextList, textCount, reader, MinUntaggedStringBytes);
     for (std::size_t i = 0; i < textCount; ++i)
     {
         Text text;
@@ -135,7 +140,7 @@ void Manifest::ReadFrom(System::Rsc::RemotingReader& reader)
     reader.ReadTag(RscType::Array);
     reader.ReadBeginStruct(Tag::FieldCount);
     const std::size_t tagCount = ReadListCount(reader);
-    ReserveFor(Tags, tagCount, reader);
+    ReserveFor(Tags, tagCount, reader, MinTagBytes);
     System::Rsc::RemotingReader& nested = reader.GetNestedDataReader();
     for (std::size_t i = 0; i < tagCount; ++i)
     {

@@ -71,8 +71,10 @@ void SoftwareVersionType::ReadFrom(System::Rsc::RemotingReader& reader)
     {
         throw std::length_error("vector::reserve");
     }
-    // A count is only a claim of the stream; never reserve more than the bytes left could hold.
-    PatchIdentifiers.reserve(PatchIdentifiers.size() + std::min(count, reader.GetRemaining()));
+    // A count is only a claim of the stream; never reserve more than the bytes left could hold
+    // (an untagged string takes at least its encoding byte and its length).
+    constexpr std::size_t minElementBytes = 1 + 4;
+    PatchIdentifiers.reserve(PatchIdentifiers.size() + std::min(count, reader.GetRemaining() / minElementBytes));
     for (std::size_t i = 0; i < count; ++i)
     {
         Text patch;
