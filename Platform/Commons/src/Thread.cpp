@@ -84,10 +84,10 @@ Thread::~Thread()
     }
     try
     {
-        if (::pthread_equal(::pthread_self(), handle) != 0)
+        if (currentThread == this)
         {
             currentThread = nullptr;
-            PosixCallReturningError("pthread_detach", ::pthread_detach, handle);
+            PosixCallReturningError("pthread_detach", ::pthread_detach, ::pthread_self());
         }
         else
         {
@@ -138,8 +138,11 @@ void Thread::Start()
                                 static_cast<const sched_param*>(&parameters));
     }
 
-    // Running before the body can begin, so that a caller never sees 0 between Start and the body.
+    // Both set before the body can begin: a caller never sees 0 between Start and the body, and
+    // the body itself already sees a joinable thread. `handle` is not written yet when the body
+    // starts, so the body's own thread is recognised through `currentThread` instead.
     state.store(StateRunning);
+    started = true;
     try
     {
         PosixCallReturningError("pthread_create", ::pthread_create, &handle, static_cast<const pthread_attr_t*>(attributes.Get()),
@@ -147,10 +150,10 @@ void Thread::Start()
     }
     catch (...)
     {
+        started = false;
         state.store(StateNotActive);
         throw;
     }
-    started = true;
 }
 
 bool Thread::IsJoinable() const noexcept
@@ -164,7 +167,7 @@ void Thread::Join()
     {
         throw InvalidOperationException("Thread '{0}' is not joinable.", settings.name);
     }
-    if (::pthread_equal(::pthread_self(), handle) != 0)
+    if (currentThread == this)
     {
         throw InvalidOperationException("Thread '{0}' cannot join itself.", settings.name);
     }
