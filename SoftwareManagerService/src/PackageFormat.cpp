@@ -29,7 +29,7 @@ namespace
 {
 
 constexpr std::size_t MaxListEntries = 1000;
-constexpr std::int64_t MaxManifestSize = 256 * 1024;
+constexpr std::int64_t MaxManifestSize = 8 * 1024 * 1024;
 constexpr std::int64_t MaxPayloadBytes = std::int64_t{1} << 30;
 constexpr std::size_t MaxEntries = 100'000;
 
