@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "Zun/Commons/Exception.hpp"
+#include "Zun/SoftwareManager/DefaultPaths.hpp"
 
 namespace Zun::Services::SoftwareUpdate::UpdateService
 {
@@ -41,7 +42,7 @@ String DefaultPaths::StorePath()
 
 String DefaultPaths::SoftwareManagerSocketPath()
 {
-    return StateHome() + "/zun-software-manager/run/software-manager.sock";
+    return SoftwareManager::Services::Internal::Transport::GetDefaultSocketPath();
 }
 
 String DefaultPaths::PluginPath()

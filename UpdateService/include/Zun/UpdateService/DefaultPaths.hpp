@@ -15,7 +15,8 @@ public:
     static String StateHome();
     // <state home>/zun-update/store.db
     static String StorePath();
-    // <state home>/zun-software-manager/run/software-manager.sock, the software manager's default.
+    // The software manager's default: $ZUN_SOFTWARE_MANAGER_SOCKET, else
+    // <state home>/zun-software-manager/run/software-manager.sock.
     static String SoftwareManagerSocketPath();
     // The plug-in in the lib folder beside the running program's bin folder when it is there,
     // otherwise the one that this build made.
