@@ -31,7 +31,7 @@ extern char** environ;
 namespace Zun::Services::SoftwareUpdate::UpdateService::EndToEnd
 {
 
-namespace Manager = Services::SoftwareManager::Services::Internal;
+namespace Manager = ::Zun::Services::SoftwareManager::Services::Internal;
 using Clock = std::chrono::steady_clock;
 
 // Waits on another process are bounded polls: there is no event to wait on across processes.
