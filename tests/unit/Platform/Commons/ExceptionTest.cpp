@@ -42,20 +42,6 @@ TEST(ExceptionTest, BadFormatGoesThroughHandler)
     EXPECT_EQ(FormatExceptionHandler::Handle("a{", "why"), "Format error in 'a{': why");
 }
 
-TEST(ExceptionTest, DerivedTypesAreFrameworkExceptions)
-{
-    try
-    {
-        throw InvalidCastException("The service does not implement service interface '{0}'.", String("I"));
-    }
-    catch (const Zun::Exception& e)
-    {
-        EXPECT_EQ(e.GetMessage(), "The service does not implement service interface 'I'.");
-    }
-    EXPECT_THROW(throw NotSupportedException(String("n")), std::exception);
-    EXPECT_THROW(throw InvalidOperationException(String("n")), Zun::Exception);
-}
-
 TEST(ArgumentExceptionTest, CreateWithValue)
 {
     const ArgumentException e = ArgumentException::Create("moduleName", String("SoftwareUpdater"), "Duplicate module name");
