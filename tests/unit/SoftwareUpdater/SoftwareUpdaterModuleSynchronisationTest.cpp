@@ -229,6 +229,10 @@ const std::vector<Row>& Rows()
          ManagerText, {}, {}},
         {"InstallingLeavesAnEqualTextAlone", HostState::Installing, {3, 7}, ManagerText, false, std::nullopt, "2.0",
          {"GetStatus(%)", "AddComponent(%)", "GetStatus(%)"}, HostState::Installing, ManagerText, {}, {}},
+        // A host state outside 0..2 is handled as Installing.
+        {"UnknownHostStateIsHandledAsInstalling", static_cast<HostState>(3), {2, 4}, "old text", false, std::nullopt, "2.0",
+         {"GetStatus(%)", "AddComponent(%)", "SetUpdateStatus(%, manager says, false)", "FinishInstallation(%, false)", "GetStatus(%)"},
+         static_cast<HostState>(3), ManagerText, Lines({"Sync status: Switch % from Installing to Error."}), {}},
     };
     return rows;
 }
@@ -530,6 +534,24 @@ TEST_F(FailureTest, SoftwareInformationFailingWhileOwnInstallationEndsChangesNot
     EXPECT_THAT(module->GetSyncList(), IsEmpty());
 }
 
+TEST_F(FailureTest, TargetReportedMissingCountsAsEmptyWhateverWasWritten)
+{
+    const String name = "Generic files / other";
+    env.statusFake->SeedProperty(name, StartedKey, "true");
+    env.managerFake->SetCurrent(Kind::GenericFiles, "other", FakeSoftwareManagerService::MakeManifest("2.0"));
+    env.managerFake->SetState(Kind::GenericFiles, "other", ManagerState::Idle);
+    EXPECT_CALL(*env.status, GetProperty(_, _, _)).Times(testing::AnyNumber());
+    EXPECT_CALL(*env.status, GetProperty(name, TargetKey, _)).WillOnce([](const String&, const String&, String& value) {
+        value = "2.0";
+        return false;
+    });
+
+    Record record;
+    EXPECT_EQ(module->GetStatus(name, record), Codes::Good);
+    EXPECT_EQ(record.InstallationState, HostState::Error);
+    EXPECT_EQ(record.ErrorMessage.ToString(), "Expected version is  but current version is 2.0.");
+}
+
 class FailingReReadTest : public FailureTest, public testing::WithParamInterface<std::pair<HostState, ManagerState>>
 {
 };
@@ -657,12 +679,18 @@ TEST_F(FirstPassTest, LaterPassesAnnounceNothing)
     EXPECT_THAT(env.notifications.GetSentNotifications(), IsEmpty());
 }
 
-TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrder)
+TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrderWhateverEachResult)
 {
     env.managerFake->AddComponent(Kind::GenericFiles, "b");
     env.managerFake->AddComponent(Kind::GenericFiles, "a");
-    env.statusFake->Seed("Generic files / a", HostState::Idle);
-    env.statusFake->Seed("Generic files / b", HostState::Idle);
+    env.statusFake->Seed("Generic files / a", HostState::Installing);
+    env.statusFake->Seed("Generic files / b", HostState::Installing);
+    // The first component's query fails; the pass goes on with the next one.
+    EXPECT_CALL(*env.manager, GetInstallationState(Kind::GenericFiles, _, _, _))
+        .WillRepeatedly([this](Kind kind, const Zun::System::Rsc::RscString<512>& name, ManagerState& state, auto& message) {
+            const auto result = env.managerFake->GetInstallationState(kind, name, state, message);
+            return name.ToString() == "a" ? Codes::BadNoCommunication : result;
+        });
     module = std::make_unique<SoftwareUpdaterModule>();
     EXPECT_FALSE(module->IsStateInitialized());
     module->Initialize("SoftwareUpdater", env.status);
@@ -677,6 +705,9 @@ TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrder)
     }
     EXPECT_THAT(reads, ElementsAre("GetInstallationState(1, a)", "GetInstallationState(1, b)"));
     EXPECT_TRUE(module->IsStateInitialized());
+    EXPECT_EQ(env.statusFake->StateOf("Generic files / a"), HostState::Installing);
+    EXPECT_EQ(env.statusFake->StateOf("Generic files / b"), HostState::Idle);
+    EXPECT_THAT(module->GetSyncList(), IsEmpty());
 }
 
 } // namespace
