@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# The project's test command, as CI runs it (.ci/run): installs what is missing, then builds and tests
+# every configuration and runs the static analysis.
+#   bash scripts/test.sh            default, asan, tsan and armhf (under qemu) builds with their
+#                                   tests (fuzz corpus replay included), then clang-tidy
+#   bash scripts/test.sh --quick    the default build and its tests only
+#   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default asan tsan armhf tidy
+# Exits non-zero when any stage fails; every stage runs and a summary with timings closes the output.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+stages=(deps default asan tsan armhf tidy)
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) stages=(deps default) ;;
+    --only) IFS=, read -r -a stages <<<"${2:?--only needs a list of stages}"; shift ;;
+    -h|--help) sed -n '2,8p' "$0"; exit 0 ;;
+    *) echo "test.sh: unknown option '$1'" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+jobs=2
+export CTEST_OUTPUT_ON_FAILURE=1
+export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+export LSAN_OPTIONS="report_objects=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+# Warnings fail the CI builds; a developer's own preset builds only report them.
+strict=(-DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
+
+declare -a summary=()
+failed=0
+log_dir=build/ci-logs
+mkdir -p "$log_dir"
+
+run_stage() {
+  local name=$1; shift
+  local start=$SECONDS status
+  echo
+  echo "=== [$name] $(date +%H:%M:%S) ==="
+  "$@" 2>&1 | tee "$log_dir/$name.log"
+  status=${PIPESTATUS[0]}
+  local took=$(( SECONDS - start ))
+  if [ "$status" -eq 0 ]; then
+    summary+=("$(printf '  %-8s ok      %3dm%02ds' "$name" $((took / 60)) $((took % 60)))")
+  else
+    summary+=("$(printf '  %-8s FAILED  %3dm%02ds  (log: %s/%s.log)' "$name" $((took / 60)) $((took % 60)) "$log_dir" "$name")")
+    failed=1
+  fi
+  return "$status"
+}
+
+deps() {
+  local want_armhf=0 s
+  for s in "${stages[@]}"; do [ "$s" = armhf ] && want_armhf=1; done
+  if [ "$want_armhf" = 1 ]; then bash scripts/install-deps.sh --armhf; else bash scripts/install-deps.sh; fi
+}
+
+# configure, build and test one preset
+preset() {
+  local name=$1; shift
+  cmake --preset "$name" "${strict[@]}" "$@" &&
+    cmake --build --preset "$name" -j "$jobs" &&
+    ctest --preset "$name" -j "$jobs"
+}
+
+default() {
+  local extra=()
+  # One build-only check that the benchmarks still compile; they are not run here.
+  [ -f bench/CMakeLists.txt ] && extra+=(-DZUN_BUILD_BENCHMARKS=ON)
+  preset default "${extra[@]}"
+}
+
+asan() { preset asan; }
+tsan() { preset tsan; }
+
+armhf() {
+  preset armhf &&
+    echo "armhf: $(file -b build/armhf/lib/libZun.Services.Modules.SoftwareUpdate.SoftwareUpdater.so | cut -d, -f1-3)"
+}
+
+tidy() {
+  [ -f build/default/compile_commands.json ] || cmake --preset default "${strict[@]}" >/dev/null || return 1
+  # Generated sources must exist before their users can be analysed.
+  cmake --build --preset default -j "$jobs" >/dev/null || return 1
+  # The project's own sources; the tests are covered by the compilers' warnings and the sanitizers.
+  local files='/(Platform|ServiceContracts|SoftwareUpdater|SoftwareManagerService|UpdateService|Testing/src|fuzz)/.*\.cpp$'
+  local out
+  out=$(run-clang-tidy-14 -p build/default -quiet -j "$jobs" "$files" 2>&1)
+  local status=$?
+  # run-clang-tidy prints every command; keep the diagnostics.
+  echo "$out" | grep -vE '^(clang-tidy-14|Running clang-tidy|\[[0-9]+/[0-9]+\] )' | grep -vE '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$' |
+    grep -vE '^(Suppressed [0-9]+ warnings|Use -header-filter|Enabled checks)' || true
+  local count
+  count=$(echo "$out" | grep -cE '(warning|error): .*\[[a-z-]+[a-z.-]*(,-warnings-as-errors)?\]$' || true)
+  echo "clang-tidy: $count finding(s)"
+  [ "$status" -eq 0 ] && [ "$count" -eq 0 ]
+}
+
+total_start=$SECONDS
+for stage in "${stages[@]}"; do
+  case "$stage" in
+    deps|default|asan|tsan|armhf|tidy) run_stage "$stage" "$stage" ;;
+    *) echo "test.sh: unknown stage '$stage'" >&2; exit 2 ;;
+  esac
+  # Without its dependencies nothing else can run.
+  if [ "$stage" = deps ] && [ "$failed" = 1 ]; then break; fi
+done
+total=$(( SECONDS - total_start ))
+
+echo
+echo "=== summary ==="
+printf '%s\n' "${summary[@]}"
+printf '  %-8s %s  %3dm%02ds\n' total "$([ "$failed" = 0 ] && echo 'ok    ' || echo 'FAILED')" $((total / 60)) $((total % 60))
+exit "$failed"
