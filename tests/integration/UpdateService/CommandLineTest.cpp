@@ -191,6 +191,11 @@ struct Refusal
     const char* message;
 };
 
+void PrintTo(const Refusal& refusal, std::ostream* stream)
+{
+    *stream << refusal.label;
+}
+
 std::vector<Refusal> Refusals()
 {
     const std::string longName(512, 'n');
