@@ -257,6 +257,7 @@ struct StateCase
     HostState state;
     ManagerState managerState;
     bool startedByModule;
+    const char* revision; // a request for another package still gets the state refusal
     const char* logLine;
 };
 
@@ -280,7 +281,7 @@ TEST_P(InstallationStateTest, InstallRefusesAComponentThatIsNotIdle)
     ClearRecords();
     const Snapshot before = Take();
 
-    EXPECT_EQ(Codes::BadInvalidState, module->InstallSoftwarePackage(Name, Request(), 0));
+    EXPECT_EQ(Codes::BadInvalidState, module->InstallSoftwarePackage(Name, Request(c.revision), 0));
 
     EXPECT_THAT(ModuleMessages(7), ElementsAre(c.logLine));
     EXPECT_THAT(ModuleLines(), ::testing::SizeIs(1));
@@ -288,9 +289,11 @@ TEST_P(InstallationStateTest, InstallRefusesAComponentThatIsNotIdle)
 }
 
 INSTANTIATE_TEST_SUITE_P(States, InstallationStateTest,
-                         ::testing::Values(StateCase{HostState::Installing, ManagerState::Copying, false, "Invalid state Installing"},
-                                           StateCase{HostState::Error, ManagerState::CopyingFailed, false, "Invalid state Error"},
-                                           StateCase{HostState::Error, ManagerState::Idle, true, "Invalid state Error"}));
+                         ::testing::Values(
+                             StateCase{HostState::Installing, ManagerState::Copying, false, "2.0", "Invalid state Installing"},
+                             StateCase{HostState::Installing, ManagerState::Copying, false, "9.9", "Invalid state Installing"},
+                             StateCase{HostState::Error, ManagerState::CopyingFailed, false, "2.0", "Invalid state Error"},
+                             StateCase{HostState::Error, ManagerState::Idle, true, "2.0", "Invalid state Error"}));
 
 struct MismatchCase
 {
