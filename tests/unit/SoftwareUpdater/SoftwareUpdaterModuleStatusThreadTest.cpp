@@ -322,4 +322,57 @@ TEST_F(StatusThreadTest, ModuleDestroyedWhileItsThreadPollsWaitsForThePollAndEnd
     EXPECT_EQ(env.statusFake->StateOf(A), HostState::Installing);
 }
 
+// Stops the status thread inside the virtual GetStatus, before the module mutex is taken: past the
+// thread's isEnabled check but not yet synchronising.
+class GatedModule : public SoftwareUpdaterModule
+{
+public:
+    GatedModule(std::thread::id testThread, Notification& arrived, Notification& proceed)
+        : testThread(testThread), arrived(arrived), proceed(proceed)
+    {
+    }
+
+    StatusCode GetStatus(const String& name, SoftwareUpdateStatus& status) noexcept override
+    {
+        if (std::this_thread::get_id() != testThread && !gated.exchange(true))
+        {
+            Notification& go = proceed;
+            arrived.Notify();
+            go.WaitFor();
+        }
+        return SoftwareUpdaterModule::GetStatus(name, status);
+    }
+
+private:
+    const std::thread::id testThread;
+    Notification& arrived;
+    Notification& proceed;
+    std::atomic<bool> gated{false};
+};
+
+// The destructor disables the module while the thread is between its check and its poll; the poll
+// then still runs (and may look at the thread object) while the destructor is ending the thread.
+// Under ThreadSanitizer this must report nothing.
+TEST_F(StatusThreadTest, ModuleDestroyedWhileItsThreadEntersAPollEndsTheThreadWithoutARace)
+{
+    env.managerFake->AddComponent(Kind::GenericFiles, "a");
+    env.managerFake->SetState(Kind::GenericFiles, "a", ManagerState::Copying);
+    Notification arrived;
+    Notification proceed;
+    module = std::make_unique<GatedModule>(testThread, arrived, proceed);
+    module->Initialize("SoftwareUpdater", env.status);
+    ASSERT_TRUE(arrived.WaitFor());
+
+    SoftwareUpdaterModule* raw = module.release();
+    std::thread destroyer([raw] { delete raw; });
+    ASSERT_TRUE(WaitUntil([raw] { return !raw->IsEnabled(); }));
+    sleep.SetAutomatic(true);
+    proceed.Notify();
+    destroyer.join();
+
+    EXPECT_EQ(logs.Count(StartLine), 1u);
+    EXPECT_EQ(logs.Count(StopLine), 1u);
+    EXPECT_EQ(env.statusFake->StateOf(A), HostState::Installing);
+}
+
 } // namespace
