@@ -52,8 +52,15 @@ SoftwareUpdaterModule::~SoftwareUpdaterModule()
         Singleton<SecurityNotifications>::pInstance = nullptr;
     }
     // A thread that still runs ends within its pause now that the module is disabled; the
-    // thread object waits for it before the members it uses go away.
-    statusThread.reset();
+    // thread object waits for it before the members it uses go away. It is taken out under the
+    // mutex, because a last poll of that thread may still look at it, and destroyed outside it,
+    // because that poll needs the mutex to finish.
+    std::unique_ptr<Thread> thread;
+    {
+        std::lock_guard<System::Commons::Threading::Mutex> lock(mutex);
+        thread = std::move(statusThread);
+    }
+    thread.reset();
 }
 
 void SoftwareUpdaterModule::Initialize(const String& name, std::shared_ptr<IUpdaterStatus> updaterStatus)
