@@ -196,6 +196,7 @@ int Wait(ServiceHost& host, Output& out, const Request& request)
 {
     const bool terminal = !out.IsJson() && ::isatty(STDOUT_FILENO) == 1;
     std::string shown;
+    const auto started = std::chrono::steady_clock::now();
     SoftwareUpdateStatus status;
     StatusCode code = StatusCodes::Good;
     for (;;)
@@ -208,7 +209,8 @@ int Wait(ServiceHost& host, Output& out, const Request& request)
         const std::string line = fmt::format("{}: {}", StateName(status.InstallationState), status.ErrorMessage.ToString());
         if (terminal)
         {
-            std::cout << "\r\033[K" << line << std::flush;
+            const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
+            std::cout << "\r\033[K" << fmt::format("[{:>3}s] {}", elapsed.count(), line) << std::flush;
         }
         else if (line != shown)
         {
