@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../Expect.hpp"
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Commons/Thread.hpp"
 #include "Zun/Testing/Latch.hpp"
@@ -14,31 +15,16 @@
 namespace
 {
 
-using Zun::String;
-using Zun::System::Commons::ArgumentException;
 using Zun::System::Commons::InvalidOperationException;
 using Zun::System::Commons::Threading::Thread;
 using Zun::System::Commons::Threading::ThreadDelegate;
 using Zun::System::Commons::Threading::ThreadSettings;
 using Zun::Testing::Notification;
+using ZunTest::MessageOf;
 
 ThreadSettings Settings(const char* name, std::function<void(void*)> body)
 {
     return ThreadSettings(name, 0, 0, 0, ThreadDelegate(std::move(body)));
-}
-
-template <class F>
-String InvalidOperationMessage(F&& call)
-{
-    try
-    {
-        call();
-    }
-    catch (const InvalidOperationException& e)
-    {
-        return e.GetMessage();
-    }
-    return "no exception";
 }
 
 // A body that announces itself and runs until released.
@@ -60,39 +46,37 @@ struct HeldBody
     }
 };
 
-TEST(ThreadTest, StateFollowsTheBody)
+// The state reads 0 or 2 only: 2 from Start until the body returns.
+TEST(ThreadTest, StateAndStartJoinRulesFollowTheBody)
 {
     HeldBody body;
     int argument = 0;
     Thread thread(Settings("Held", body.Function()), &argument);
-    EXPECT_EQ(thread.GetState(), Thread::StateNotActive);
+    EXPECT_EQ(thread.GetState(), 0);
     EXPECT_FALSE(thread.IsJoinable());
 
     thread.Start();
-    EXPECT_EQ(thread.GetState(), Thread::StateRunning);
+    EXPECT_EQ(thread.GetState(), 2);
     ASSERT_TRUE(body.entered.WaitFor());
-    EXPECT_EQ(thread.GetState(), Thread::StateRunning);
+    EXPECT_EQ(thread.GetState(), 2);
     EXPECT_TRUE(thread.IsJoinable());
-    EXPECT_EQ(InvalidOperationMessage([&] { thread.Start(); }), "Thread 'Held' was already started.");
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Start(); }), "Thread 'Held' was already started.");
 
     body.release.Notify();
     thread.Join();
-    EXPECT_EQ(thread.GetState(), Thread::StateNotActive);
+    EXPECT_EQ(thread.GetState(), 0);
     EXPECT_FALSE(thread.IsJoinable());
     EXPECT_EQ(body.seenArgument, &argument);
-    EXPECT_EQ(InvalidOperationMessage([&] { thread.Join(); }), "Thread 'Held' is not joinable.");
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Join(); }), "Thread 'Held' is not joinable.");
 }
 
-TEST(ThreadTest, JoinRules)
+TEST(ThreadTest, CannotJoinItself)
 {
-    Thread never(Settings("Never", [](void*) {}));
-    EXPECT_EQ(InvalidOperationMessage([&] { never.Join(); }), "Thread 'Never' is not joinable.");
-
     Notification done;
-    String ownJoin;
+    std::string ownJoin;
     Thread* self = nullptr;
     Thread thread(Settings("Self", [&](void*) {
-        ownJoin = InvalidOperationMessage([&] { self->Join(); });
+        ownJoin = MessageOf<InvalidOperationException>([&] { self->Join(); });
         done.Notify();
     }));
     self = &thread;
@@ -102,7 +86,7 @@ TEST(ThreadTest, JoinRules)
     EXPECT_EQ(ownJoin, "Thread 'Self' cannot join itself.");
 }
 
-TEST(ThreadTest, DestructorWaitsForARunningBody)
+TEST(ThreadTest, DestructorWaitsForARunningBodyOrDetachesFromItsOwn)
 {
     HeldBody body;
     auto thread = std::make_unique<Thread>(Settings("Waited", body.Function()));
@@ -111,13 +95,9 @@ TEST(ThreadTest, DestructorWaitsForARunningBody)
     body.release.Notify();
     thread.reset();
     EXPECT_TRUE(body.finished);
-}
 
-TEST(ThreadTest, DestroyedFromItsOwnBody)
-{
     Notification done;
     Thread* owned = nullptr;
-    // The body deletes its own object: the thread detaches instead of joining itself.
     owned = new Thread(Settings("Owner", [&](void*) {
         delete owned;
         done.Notify();
@@ -126,37 +106,20 @@ TEST(ThreadTest, DestroyedFromItsOwnBody)
     EXPECT_TRUE(done.WaitFor());
 }
 
-TEST(ThreadTest, NameIsSetAndCutTo15Bytes)
-{
-    char name[32] = {};
-    Thread thread(Settings("SUUpdateStatusWithALongTail", [&](void*) { ::pthread_getname_np(::pthread_self(), name, sizeof(name)); }));
-    thread.Start();
-    thread.Join();
-    EXPECT_STREQ(name, "SUUpdateStatusW");
-    EXPECT_EQ(thread.GetName(), "SUUpdateStatusWithALongTail");
-}
-
-TEST(ThreadTest, EmptyBodyIsRefused)
-{
-    try
-    {
-        Thread thread(ThreadSettings("Empty", 0, 0, 0, ThreadDelegate()));
-        FAIL() << "no exception";
-    }
-    catch (const ArgumentException& e)
-    {
-        EXPECT_EQ(e.GetMessage(), "Thread function is empty (argument 'settings', value 'Empty')");
-    }
-}
-
-TEST(ThreadTest, BodyExceptionIsLoggedAndEndsTheThread)
+TEST(ThreadTest, NameIsCutTo15BytesAndABodyExceptionIsLogged)
 {
     Zun::Testing::LogCapture capture(1);
-    Thread thread(Settings("Failing", [](void*) { throw std::runtime_error("broken"); }));
-    thread.Start();
-    thread.Join();
-    EXPECT_EQ(thread.GetState(), Thread::StateNotActive);
-    EXPECT_TRUE(capture.Contains(1, "Thread 'Failing' ended by an exception: broken"));
+    char name[32] = {};
+    Thread named(Settings("SUUpdateStatusWithALongTail", [&](void*) { ::pthread_getname_np(::pthread_self(), name, sizeof(name)); }));
+    named.Start();
+    named.Join();
+    EXPECT_STREQ(name, "SUUpdateStatusW");
+
+    Thread failing(Settings("Failing", [](void*) { throw std::runtime_error("broken"); }));
+    failing.Start();
+    failing.Join();
+    EXPECT_EQ(failing.GetState(), 0);
+    EXPECT_EQ(capture.Messages(1), std::vector<Zun::String>{"Thread 'Failing' ended by an exception: broken"});
 }
 
 TEST(ThreadTest, SleepGoesThroughTheSeam)
@@ -167,8 +130,7 @@ TEST(ThreadTest, SleepGoesThroughTheSeam)
         Thread::Sleep(5);
         EXPECT_EQ(sleep.Durations(), (std::vector<std::uint32_t>{1000, 5}));
     }
-    // The real pause, without a seam.
-    Thread::Sleep(0);
+    Thread::Sleep(0); // the real pause, without a seam
 }
 
 } // namespace

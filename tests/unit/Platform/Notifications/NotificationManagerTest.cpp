@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../Expect.hpp"
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Nm/NotificationManager.hpp"
 #include "Zun/Testing/Latch.hpp"
@@ -16,77 +17,50 @@ using namespace Zun::System::Nm;
 using Zun::DateTime;
 using Zun::DateTimeKind;
 using Zun::System::Commons::InvalidOperationException;
+using ZunTest::MessageOf;
 
-template <class F>
-void ExpectInvalidOperation(F action, const char* message)
-{
-    try
-    {
-        action();
-        ADD_FAILURE() << "no exception";
-    }
-    catch (const InvalidOperationException& e)
-    {
-        EXPECT_STREQ(e.what(), message);
-    }
-}
-
-// Records what it sees, including what the manager had kept at the time of the call.
+// Records what it sees, and how many notifications the manager had kept at the time of the call.
 class RecordingListener : public INotificationListener
 {
 public:
     explicit RecordingListener(NotificationManager& manager) : manager(manager) {}
     void OnNotificationSent(const NotificationRecord& record) override
     {
-        seen.push_back(record);
+        payloads.push_back(record.payload);
         keptAtCall.push_back(manager.GetSentNotifications().size());
     }
     NotificationManager& manager;
-    std::vector<NotificationRecord> seen;
+    std::vector<Zun::String> payloads;
     std::vector<std::size_t> keptAtCall;
 };
 
-TEST(NotificationManagerTest, RegistrationIdsStartAtOneAndKeepTheDetails)
+TEST(NotificationManagerTest, RegistrationIdsCountFromOneAndUnknownIdsAreRefused)
 {
     NotificationManager manager;
     EXPECT_EQ(manager.RegisterNotificationName("A", "Sender", Severity::Info, "Payload"), 1u);
     EXPECT_EQ(manager.RegisterNotificationName("B", "Other", Severity::Error, "P2"), 2u);
     manager.UnregisterNotificationName(1);
     EXPECT_EQ(manager.RegisterNotificationName("C", "Third", Severity::Warning, "P3"), 3u);
-
     const auto registrations = manager.GetRegistrations();
     ASSERT_EQ(registrations.size(), 2u);
     EXPECT_EQ(registrations[0].id, 2u);
-    EXPECT_EQ(registrations[0].name, "B");
-    EXPECT_EQ(registrations[0].senderName, "Other");
-    EXPECT_EQ(registrations[0].severity, Severity::Error);
-    EXPECT_EQ(registrations[0].payloadTypeName, "P2");
     EXPECT_EQ(registrations[1].id, 3u);
-}
 
-TEST(NotificationManagerTest, UnknownRegistrationIsRefusedAndNothingIsKept)
-{
-    NotificationManager manager;
-    const auto id = manager.RegisterNotificationName("A", "Sender", Severity::Info, "Payload");
-    ExpectInvalidOperation([&] { manager.UnregisterNotificationName(7); }, "Unknown notification registration 7.");
-    ExpectInvalidOperation([&] { manager.SendNotification(0, DateTime(), "x"); }, "Unknown notification registration 0.");
-    manager.UnregisterNotificationName(id);
-    ExpectInvalidOperation([&] { manager.UnregisterNotificationName(id); }, "Unknown notification registration 1.");
-    ExpectInvalidOperation([&] { manager.SendNotification(id, DateTime(), "x"); }, "Unknown notification registration 1.");
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { manager.UnregisterNotificationName(1); }), "Unknown notification registration 1.");
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { manager.SendNotification(1, DateTime(), "x"); }),
+              "Unknown notification registration 1.");
     EXPECT_TRUE(manager.GetSentNotifications().empty());
 }
 
-TEST(NotificationManagerTest, KeepsEveryNotificationAndTellsListenersAfterwards)
+TEST(NotificationManagerTest, KeepsEveryNotificationWithItsRegistrationAndTellsListenersAfterwards)
 {
     NotificationManager manager;
     auto listener = std::make_shared<RecordingListener>(manager);
     manager.AddListener(listener);
     const auto id = manager.RegisterNotificationName("Security.X.Failed", "Software Update", Severity::Error, "Text");
     const DateTime first(5, DateTimeKind::Utc);
-    const DateTime second(6, DateTimeKind::Utc);
-
     EXPECT_EQ(manager.SendNotification(id, first, "one"), 1u);
-    EXPECT_EQ(manager.SendNotification(id, second, "two"), 2u);
+    EXPECT_EQ(manager.SendNotification(id, DateTime(6, DateTimeKind::Utc), "two"), 2u);
 
     const auto sent = manager.GetSentNotifications();
     ASSERT_EQ(sent.size(), 2u);
@@ -97,18 +71,14 @@ TEST(NotificationManagerTest, KeepsEveryNotificationAndTellsListenersAfterwards)
     EXPECT_EQ(sent[0].severity, Severity::Error);
     EXPECT_EQ(sent[0].payloadTypeName, "Text");
     EXPECT_EQ(sent[0].timestamp, first);
-    EXPECT_EQ(sent[0].payload, "one");
-    EXPECT_EQ(sent[1].timestamp, second);
     EXPECT_EQ(sent[1].payload, "two");
-
-    ASSERT_EQ(listener->seen.size(), 2u);
-    EXPECT_EQ(listener->seen[1].payload, "two");
     // The listener could read the manager (no lock held) and found its notification kept already.
+    EXPECT_EQ(listener->payloads, (std::vector<Zun::String>{"one", "two"}));
     EXPECT_EQ(listener->keptAtCall, (std::vector<std::size_t>{1, 2}));
 
     manager.RemoveListener(listener);
     manager.SendNotification(id, first, "three");
-    EXPECT_EQ(listener->seen.size(), 2u);
+    EXPECT_EQ(listener->payloads.size(), 2u);
     EXPECT_THROW(manager.AddListener(nullptr), Zun::System::Commons::ArgumentException);
 }
 
@@ -131,14 +101,11 @@ TEST(NotificationManagerTest, ConcurrentSendersGetDistinctIdsAndLoseNothing)
             }
         });
     }
-    for (auto& worker : workers)
-    {
-        worker.join();
-    }
     std::set<NotificationId> all;
-    for (const auto& list : ids)
+    for (int t = 0; t < threads; ++t)
     {
-        all.insert(list.begin(), list.end());
+        workers[t].join();
+        all.insert(ids[t].begin(), ids[t].end());
     }
     EXPECT_EQ(all.size(), static_cast<std::size_t>(threads * perThread));
     EXPECT_EQ(manager.GetSentNotifications().size(), static_cast<std::size_t>(threads * perThread));

@@ -32,41 +32,27 @@ public:
 class ServiceManagerTest : public ::testing::Test
 {
 protected:
-    // Names of their own, so that providers registered elsewhere in the process do not interfere.
+    // A name of its own, so that providers registered elsewhere in the process do not interfere.
     const Zun::String name = "ServiceManagerTest.Provider";
     void TearDown() override { ServiceManager::UnregisterProvider(name); }
     MockFactory factory;
+    IRscService service;
 };
 
-TEST_F(ServiceManagerTest, UnknownOrNullProviderNameGivesNoService)
+TEST_F(ServiceManagerTest, TheLastProviderRegisteredUnderANameIsAskedUntilUnregistered)
 {
-    EXPECT_CALL(factory, CreateProxy(_)).Times(0);
     EXPECT_EQ(ServiceManager::GetService(name.c_str(), factory), nullptr);
     EXPECT_EQ(ServiceManager::GetService(nullptr, factory), nullptr);
-}
-
-TEST_F(ServiceManagerTest, RegisteredProviderIsAskedWithTheFactoryUntilUnregistered)
-{
-    IRscService service;
-    auto provider = std::make_shared<MockProvider>();
-    EXPECT_CALL(*provider, GetService(Ref(factory))).WillOnce(Return(&service));
-    ServiceManager::RegisterProvider(name, provider);
+    auto first = std::make_shared<MockProvider>();
+    auto second = std::make_shared<MockProvider>();
+    EXPECT_CALL(*first, GetService(_)).Times(0);
+    EXPECT_CALL(*second, GetService(Ref(factory))).WillOnce(Return(&service));
+    ServiceManager::RegisterProvider(name, first);
+    ServiceManager::RegisterProvider(name, second);
 
     EXPECT_EQ(ServiceManager::GetService(name.c_str(), factory), &service);
     ServiceManager::UnregisterProvider(name);
     EXPECT_EQ(ServiceManager::GetService(name.c_str(), factory), nullptr);
-}
-
-TEST_F(ServiceManagerTest, RegisteringANameAgainReplacesTheProvider)
-{
-    IRscService service;
-    auto first = std::make_shared<MockProvider>();
-    auto second = std::make_shared<MockProvider>();
-    EXPECT_CALL(*first, GetService(_)).Times(0);
-    EXPECT_CALL(*second, GetService(_)).WillOnce(Return(&service));
-    ServiceManager::RegisterProvider(name, first);
-    ServiceManager::RegisterProvider(name, second);
-    EXPECT_EQ(ServiceManager::GetService(name.c_str(), factory), &service);
 }
 
 TEST_F(ServiceManagerTest, EndpointProviderMakesAProxyForItsEndpoint)

@@ -1,0 +1,205 @@
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "../Expect.hpp"
+#include "Zun/Commons/Exception.hpp"
+#include "Zun/Rsc/RemotingException.hpp"
+#include "Zun/Rsc/RemotingReader.hpp"
+#include "Zun/Rsc/RemotingWriter.hpp"
+
+namespace
+{
+
+using Zun::DateTime;
+using Zun::DateTimeKind;
+using Zun::System::Commons::ArgumentException;
+using Zun::System::Rsc::RemotingException;
+using Zun::System::Rsc::RemotingReader;
+using Zun::System::Rsc::RemotingWriter;
+using Zun::System::Rsc::RscStringEncoding;
+using Zun::System::Rsc::RscType;
+using ZunTest::MessageOf;
+using Bytes = std::vector<std::uint8_t>;
+using Encoding = RscStringEncoding;
+
+// The whole buffer after the read, so that what follows the text is checked too.
+std::string ReadText(RemotingReader& reader, std::size_t capacity, Encoding encoding, bool withTag)
+{
+    std::string buffer(capacity, 'x');
+    reader.ReadStringInternal(buffer.data(), capacity, encoding, withTag);
+    return buffer;
+}
+
+struct EncodingCase
+{
+    const char* name;
+    std::function<void(RemotingWriter&)> write;
+    Bytes bytes;
+    std::function<void(RemotingReader&)> readBack;
+};
+
+TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
+{
+    const std::int32_t minusTwo = -2;
+    const DateTime date(0x0102030405060708, DateTimeKind::Utc);
+    const std::vector<EncodingCase> cases = {
+        {"tag", [](RemotingWriter& w) { w.WriteTag(RscType::DateTime); }, {23}, [](RemotingReader& r) { r.ReadTag(RscType::DateTime); }},
+        {"string with tag", [](RemotingWriter& w) { w.WriteStringInternal("ab", 512, Encoding::Utf8, true); }, {19, 2, 2, 0, 0, 0, 'a', 'b'},
+         [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 6, Encoding::Utf8, true), std::string("ab\0\0\0\0", 6)); }},
+        {"string without tag", [](RemotingWriter& w) { w.WriteStringInternal("xyz", 4, Encoding::Ascii, false); }, {1, 3, 0, 0, 0, 'x', 'y', 'z'},
+         [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 4, Encoding::Ascii, false), std::string("xyz\0", 4)); }},
+        {"empty string", [](RemotingWriter& w) { w.WriteStringInternal("", 1, Encoding::Utf8, true); }, {19, 2, 0, 0, 0, 0},
+         [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 3, Encoding::Utf8, true), std::string(3, '\0')); }},
+        {"array length", [](RemotingWriter& w) { w.WriteArrayLength(0x01020304); }, {4, 3, 2, 1},
+         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 0x01020304u); }},
+        {"largest array length", [](RemotingWriter& w) { w.WriteArrayLength(0x7FFFFFFF); }, {0xFF, 0xFF, 0xFF, 0x7F},
+         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 0x7FFFFFFFu); }},
+        {"raw data", [&](RemotingWriter& w) { w.WriteDataInternal(&minusTwo, 4); }, {0xFE, 0xFF, 0xFF, 0xFF},
+         [](RemotingReader& r) {
+             std::int32_t value = 0;
+             r.ReadDataInternal(&value, 4);
+             EXPECT_EQ(value, -2);
+         }},
+        {"no data", [](RemotingWriter& w) { w.WriteDataInternal(nullptr, 0); }, {}, [](RemotingReader&) {}},
+        {"date", [&](RemotingWriter& w) { w.WriteDateTime(date); }, {8, 7, 6, 5, 4, 3, 2, 0x41},
+         [&](RemotingReader& r) { EXPECT_EQ(r.ReadDateTime(), date); }},
+        {"struct header", [](RemotingWriter& w) { w.WriteBeginStruct(13); }, {18, 13, 0, 0, 0},
+         [](RemotingReader& r) { r.ReadBeginStruct(13); }},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        Bytes buffer{0xAA};
+        RemotingWriter writer(buffer);
+        c.write(writer);
+        Bytes expected{0xAA};
+        expected.insert(expected.end(), c.bytes.begin(), c.bytes.end());
+        EXPECT_EQ(buffer, expected);
+        EXPECT_EQ(writer.GetSize(), expected.size());
+
+        RemotingReader reader(c.bytes.data(), c.bytes.size());
+        c.readBack(reader);
+        EXPECT_EQ(reader.GetRemaining(), 0u);
+        EXPECT_EQ(reader.GetPosition(), c.bytes.size());
+    }
+}
+
+TEST(RemotingTest, RefusedWritesLeaveTheBufferAsItWas)
+{
+    const char full[4] = {'a', 'b', 'c', 'd'};
+    const std::pair<std::function<void(RemotingWriter&)>, const char*> cases[] = {
+        {[&](RemotingWriter& w) { w.WriteStringInternal(full, 4, Encoding::Utf8, true); }, "String has no terminator within its capacity of 4 bytes."},
+        {[](RemotingWriter& w) { w.WriteStringInternal("a", 8, Encoding::None, true); }, "Unsupported string encoding 0."},
+        {[](RemotingWriter& w) { w.WriteArrayLength(0x80000000u); }, "Array count 2147483648 is above the largest count 2147483647."},
+        {[](RemotingWriter& w) { w.WriteBeginStruct(0x80000000u); }, "Struct field count 2147483648 is above the largest count 2147483647."},
+    };
+    for (const auto& [write, message] : cases)
+    {
+        Bytes buffer{1, 2, 3};
+        RemotingWriter writer(buffer);
+        EXPECT_EQ(MessageOf<RemotingException>([&, &write = write] { write(writer); }), message);
+        EXPECT_EQ(buffer, (Bytes{1, 2, 3})) << message;
+    }
+}
+
+struct FaultCase
+{
+    const char* name;
+    Bytes data;
+    std::function<void(RemotingReader&)> read;
+    const char* message;
+};
+
+TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
+{
+    const auto text = [](std::size_t capacity, bool withTag) {
+        return [=](RemotingReader& r) { ReadText(r, capacity, Encoding::Utf8, withTag); };
+    };
+    const std::vector<FaultCase> cases = {
+        {"wrong tag", {8}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected tag 8 where 2 was expected."},
+        {"tag at end", {}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected end of data: 1 bytes needed, 0 left."},
+        {"string tag", {20, 2, 0, 0, 0, 0}, text(8, true), "Unexpected tag 20 where 19 was expected."},
+        {"string encoding", {19, 1, 0, 0, 0, 0}, text(8, true), "Unexpected string encoding 1 where 2 was expected."},
+        {"string no room for terminator", {2, 4, 0, 0, 0, 'a', 'b', 'c', 'd'}, text(4, false),
+         "String of 4 bytes does not fit a capacity of 4 bytes with its terminator."},
+        {"string huge length", {2, 0xFF, 0xFF, 0xFF, 0xFF}, text(512, false),
+         "String of 4294967295 bytes does not fit a capacity of 512 bytes with its terminator."},
+        {"string with zero byte", {2, 3, 0, 0, 0, 'a', 0, 'b'}, text(8, false), "String of 3 bytes contains a zero byte."},
+        {"string header cut", {19, 2, 3, 0}, text(8, true), "Unexpected end of data: 6 bytes needed, 4 left."},
+        {"string body cut", {19, 2, 3, 0, 0, 0, 'a', 'b'}, text(8, true), "Unexpected end of data: 9 bytes needed, 8 left."},
+        {"array count", {0, 0, 0, 0x80}, [](RemotingReader& r) { r.ReadArrayLength(); },
+         "Array count 2147483648 is above the largest count 2147483647."},
+        {"array count cut", {1, 0, 0}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Unexpected end of data: 4 bytes needed, 3 left."},
+        {"data cut", {1, 2, 3}, [](RemotingReader& r) { std::uint32_t v; r.ReadDataInternal(&v, 4); },
+         "Unexpected end of data: 4 bytes needed, 3 left."},
+        {"date cut", {1, 2, 3, 4, 5, 6, 7}, [](RemotingReader& r) { r.ReadDateTime(); }, "Unexpected end of data: 8 bytes needed, 7 left."},
+        {"struct tag", {20, 2, 0, 0, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected tag 20 where 18 was expected."},
+        {"struct field count", {18, 3, 0, 0, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); },
+         "Unexpected struct field count 3 where 2 was expected."},
+        {"struct header cut", {18, 2, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected end of data: 5 bytes needed, 3 left."},
+    };
+    for (const auto& c : cases)
+    {
+        RemotingReader reader(c.data.data(), c.data.size());
+        EXPECT_EQ(MessageOf<RemotingException>([&] { c.read(reader); }), c.message) << c.name;
+        EXPECT_EQ(reader.GetPosition(), 0u) << c.name;
+    }
+}
+
+TEST(RemotingTest, NullArgumentsAreArgumentErrors)
+{
+    Bytes buffer;
+    RemotingWriter writer(buffer);
+    EXPECT_THROW(writer.WriteStringInternal(nullptr, 8, Encoding::Utf8, true), ArgumentException);
+    EXPECT_THROW(writer.WriteDataInternal(nullptr, 1), ArgumentException);
+    EXPECT_TRUE(buffer.empty());
+
+    EXPECT_THROW(RemotingReader(nullptr, 1), ArgumentException);
+    const Bytes data{2, 0, 0, 0, 0};
+    RemotingReader reader(data.data(), data.size());
+    EXPECT_THROW(reader.ReadStringInternal(nullptr, 8, Encoding::Utf8, false), ArgumentException);
+    char one = 'x';
+    EXPECT_THROW(reader.ReadStringInternal(&one, 0, Encoding::Utf8, false), ArgumentException);
+    EXPECT_THROW(reader.ReadDataInternal(nullptr, 1), ArgumentException);
+    EXPECT_EQ(reader.GetPosition(), 0u);
+}
+
+TEST(RemotingTest, NestedWriterAndReaderShareTheStreamOneLevelDeeperUpTo16Levels)
+{
+    Bytes buffer;
+    RemotingWriter writer(buffer);
+    RemotingWriter& nestedWriter = writer.GetNestedDataWriter();
+    EXPECT_NE(&nestedWriter, &writer);
+    EXPECT_EQ(&writer.GetNestedDataWriter(), &nestedWriter);
+    EXPECT_EQ(nestedWriter.GetDepth(), 1u);
+    writer.WriteTag(RscType::Bool);
+    nestedWriter.WriteTag(RscType::Int32);
+    writer.WriteTag(RscType::UInt32);
+    EXPECT_EQ(buffer, (Bytes{2, 8, 9}));
+
+    RemotingReader reader(buffer.data(), buffer.size());
+    RemotingReader& nestedReader = reader.GetNestedDataReader();
+    EXPECT_NE(&nestedReader, &reader);
+    EXPECT_EQ(&reader.GetNestedDataReader(), &nestedReader);
+    EXPECT_EQ(nestedReader.GetDepth(), 1u);
+    reader.ReadTag(RscType::Bool);
+    nestedReader.ReadTag(RscType::Int32);
+    reader.ReadTag(RscType::UInt32);
+    EXPECT_EQ(nestedReader.GetRemaining(), 0u);
+
+    RemotingWriter* deepWriter = &writer;
+    RemotingReader* deepReader = &reader;
+    for (unsigned i = 0; i < RemotingWriter::MaxDepth; ++i)
+    {
+        deepWriter = &deepWriter->GetNestedDataWriter();
+        deepReader = &deepReader->GetNestedDataReader();
+    }
+    EXPECT_EQ(MessageOf<RemotingException>([&] { deepWriter->GetNestedDataWriter(); }), "Nesting deeper than 16 levels.");
+    EXPECT_EQ(MessageOf<RemotingException>([&] { deepReader->GetNestedDataReader(); }), "Nesting deeper than 16 levels.");
+}
+
+} // namespace
