@@ -1,3 +1,4 @@
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -19,18 +20,17 @@ using Zun::System::Rsc::RemotingException;
 using Text = Zun::System::Rsc::RscString<512>;
 
 const DateTime Released(638'400'000'000'000'000, DateTimeKind::Local);
+const DateTime Unspecified(7, DateTimeKind::Unspecified);
 
-// A manifest whose thirteen fields all differ, up to its release date.
-WireBytes HeadUpToDate(DateTime date = Released, const char* shortText = "short")
+// The seven texts, all different.
+WireBytes Texts(const std::string& shortText = "short")
 {
-    return WireBytes()
-        .Text(shortText).Text("t1").Text("Tesmora").Text("urn:tesmora").Text("t2").Text("t3").Text("2.0")
-        .Tag(RscType::DateTime).Date(date);
+    return WireBytes().Text(shortText).Text("t1").Text("Tesmora").Text("urn:tesmora").Text("t2").Text("t3").Text("2.0");
 }
 
-Manifest Filled()
+// A manifest as the head of Texts() and `date` make it, over `manifest`.
+Manifest WithHead(Manifest manifest, DateTime date)
 {
-    Manifest manifest;
     manifest.ShortText = Zun::String("short");
     manifest.Text1 = Zun::String("t1");
     manifest.Manufacturer = Zun::String("Tesmora");
@@ -38,78 +38,79 @@ Manifest Filled()
     manifest.Text2 = Zun::String("t2");
     manifest.Text3 = Zun::String("t3");
     manifest.Version = Zun::String("2.0");
-    manifest.ReleaseDate = Released;
+    manifest.ReleaseDate = date;
     return manifest;
 }
 
-TEST(ManifestTest, EmptyListsWriteOnlyTheirHeaders)
+// Every field set, so that a read which stops early shows what it left alone.
+Manifest Old()
 {
-    const Bytes expected = HeadUpToDate()
-                               .Text("")
-                               .Tag(RscType::Array).Tag(RscType::String).U32(0)
-                               .Text("")
-                               .UInt32(0x11)
-                               .Tag(RscType::Array).Struct(2).U32(0)
-                               .bytes;
-    Manifest manifest = Filled();
-    manifest.UpdateBehavior = 0x11;
-    EXPECT_EQ(Write(manifest), expected);
-    EXPECT_EQ(Read<Manifest>(expected), manifest);
-}
-
-TEST(ManifestTest, UnspecifiedDateIsRefusedOnWritingAfterTheSevenTexts)
-{
-    Manifest manifest = Filled();
-    manifest.ReleaseDate = DateTime();
-    Bytes buffer;
-    Zun::System::Rsc::RemotingWriter writer(buffer);
-    ExpectThrowWithMessage<NotSupportedException>([&] { manifest.WriteTo(writer); }, "DateTimeKind Unspecified not supported.");
-    EXPECT_EQ(buffer, WireBytes().Text("short").Text("t1").Text("Tesmora").Text("urn:tesmora").Text("t2").Text("t3").Text("2.0").bytes);
-}
-
-TEST(ManifestTest, UnspecifiedDateIsRefusedOnReadingAndLaterFieldsStayUntouched)
-{
-    const DateTime unspecified(7, DateTimeKind::Unspecified);
-    const Bytes data = HeadUpToDate(unspecified)
-                           .Text("t4").Tag(RscType::Array).Tag(RscType::String).U32(1).Text("x", false)
-                           .Text("t5").UInt32(3).Tag(RscType::Array).Struct(2).U32(0)
-                           .bytes;
     Manifest manifest;
+    manifest.ShortText = Zun::String("old");
     manifest.Text4 = Zun::String("old4");
     manifest.TextList = {Text("old")};
     manifest.Text5 = Zun::String("old5");
     manifest.UpdateBehavior = 9;
     manifest.Tags = {Tag("k", "v")};
-    const Manifest before = manifest;
-    Zun::System::Rsc::RemotingReader reader(data.data(), data.size());
-    ExpectThrowWithMessage<NotSupportedException>([&] { manifest.ReadFrom(reader); }, "DateTimeKind Unspecified not supported.");
-    EXPECT_EQ(manifest.ReleaseDate, unspecified);
-    EXPECT_EQ(manifest.Version, Text("2.0"));
-    EXPECT_EQ(manifest.Text4, before.Text4);
-    EXPECT_EQ(manifest.TextList, before.TextList);
-    EXPECT_EQ(manifest.Text5, before.Text5);
-    EXPECT_EQ(manifest.UpdateBehavior, before.UpdateBehavior);
-    EXPECT_EQ(manifest.Tags, before.Tags);
+    return manifest;
 }
 
-TEST(ManifestTest, ShortTextIsReadWithCapacity64)
+TEST(ManifestTest, UnspecifiedDateIsRefusedOnWritingAfterTheSevenTexts)
 {
-    const std::string fits(63, 's');
-    const std::string tooLong(64, 's');
-    const auto stream = [](const std::string& shortText) {
-        return HeadUpToDate(Released, shortText.c_str())
-            .Text("").Tag(RscType::Array).Tag(RscType::String).U32(0).Text("").UInt32(0)
-            .Tag(RscType::Array).Struct(2).U32(0)
-            .bytes;
+    Bytes written;
+    EXPECT_EQ(WriteFailure<NotSupportedException>(WithHead(Manifest(), DateTime()), written), "DateTimeKind Unspecified not supported.");
+    EXPECT_EQ(written, Texts().bytes);
+}
+
+struct ReadFailureCase
+{
+    const char* name;
+    Bytes data;
+    std::function<std::string(const Bytes&, Manifest&)> read;
+    const char* message;
+    Manifest expected; // what the record holds afterwards
+};
+
+TEST(ManifestTest, ReadFailuresKeepWhatWasReadAndLeaveTheRest)
+{
+    const auto remoting = ReadFailure<RemotingException, Manifest>;
+    const auto notSupported = ReadFailure<NotSupportedException, Manifest>;
+    const auto lengthError = ReadFailure<std::length_error, Manifest>;
+    Manifest afterText4 = WithHead(Old(), Released);
+    afterText4.Text4 = Zun::String();
+    Manifest afterText5 = afterText4;
+    afterText5.Text5 = Zun::String();
+    Manifest afterBehavior = afterText5;
+    afterBehavior.UpdateBehavior = 0;
+    const ReadFailureCase cases[] = {
+        {"unspecified date", Texts().Tag(RscType::DateTime).Date(Unspecified).Text("t4").TextListHeader(0).bytes, notSupported,
+         "DateTimeKind Unspecified not supported.", WithHead(Old(), Unspecified)},
+        {"short text beyond capacity 64", Texts(std::string(64, 's')).bytes, remoting,
+         "String of 64 bytes does not fit a capacity of 64 bytes with its terminator.", Old()},
+        {"text list count at the limit", Texts().Tag(RscType::DateTime).Date(Released).Text("").TextListHeader(Manifest::MaxListCount).bytes,
+         lengthError, "vector::reserve", afterText4},
+        {"wrong tag for the behaviour", Texts().Tag(RscType::DateTime).Date(Released).Text("").TextListHeader(0).Text("").Int32(0).bytes,
+         remoting, "Unexpected tag 8 where 9 was expected.", afterText5},
+        {"tag count at the limit",
+         Texts().Tag(RscType::DateTime).Date(Released).Text("").TextListHeader(0).Text("").UInt32(0).Tag(RscType::Array).Struct(2)
+             .U32(Manifest::MaxListCount).bytes,
+         lengthError, "vector::reserve", afterBehavior},
     };
-    EXPECT_EQ(Read<Manifest>(stream(fits)).ShortText.ToString(), fits);
-    ExpectThrowWithMessage<RemotingException>([&] { Read<Manifest>(stream(tooLong)); },
-                                              "String of 64 bytes does not fit a capacity of 64 bytes with its terminator.");
+    for (const auto& c : cases)
+    {
+        Manifest manifest = Old();
+        EXPECT_EQ(c.read(c.data, manifest), c.message) << c.name;
+        EXPECT_EQ(manifest, c.expected) << c.name;
+    }
+    // One byte less fits.
+    Manifest fits;
+    EXPECT_EQ(remoting(Texts(std::string(63, 's')).bytes, fits), "Unexpected end of data: 1 bytes needed, 0 left.");
+    EXPECT_EQ(fits.ShortText.ToString(), std::string(63, 's'));
 }
 
 TEST(ManifestTest, ListReadersAppend)
 {
-    Manifest source = Filled();
+    Manifest source = WithHead(Manifest(), Released);
     source.TextList = {Text("c")};
     source.Tags = {Tag("n2", "v2")};
     const Bytes data = Write(source);
@@ -120,25 +121,6 @@ TEST(ManifestTest, ListReadersAppend)
     manifest.ReadFrom(reader);
     EXPECT_EQ(manifest.TextList, (std::vector<Text>{Text("a"), Text("b"), Text("c")}));
     EXPECT_EQ(manifest.Tags, (std::vector<Tag>{Tag("n1", "v1"), Tag("n2", "v2")}));
-}
-
-TEST(ManifestTest, ListCountsAtTheLimitAreLengthErrors)
-{
-    const Bytes textList = HeadUpToDate().Text("").Tag(RscType::Array).Tag(RscType::String).U32(Manifest::MaxListCount).bytes;
-    ExpectThrowWithMessage<std::length_error>([&] { Read<Manifest>(textList); }, "vector::reserve");
-    const Bytes tags = HeadUpToDate()
-                           .Text("").Tag(RscType::Array).Tag(RscType::String).U32(0).Text("").UInt32(0)
-                           .Tag(RscType::Array).Struct(2).U32(Manifest::MaxListCount)
-                           .bytes;
-    ExpectThrowWithMessage<std::length_error>([&] { Read<Manifest>(tags); }, "vector::reserve");
-}
-
-TEST(TagTest, WritesNameAndValueAndReadsThemBack)
-{
-    const Bytes expected = WireBytes().Text("name").Text("value").bytes;
-    EXPECT_EQ(Write(Tag("name", "value")), expected);
-    EXPECT_EQ(Read<Tag>(expected), Tag("name", "value"));
-    ExpectEveryPrefixFails<Tag>(expected);
 }
 
 } // namespace

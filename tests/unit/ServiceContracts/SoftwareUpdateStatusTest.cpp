@@ -21,7 +21,7 @@ SoftwareUpdateStatus ErrorStatus()
     return status;
 }
 
-TEST(SoftwareUpdateStatusTest, ErrorStateWritesTheExactSequence)
+TEST(SoftwareUpdateStatusTest, WritesTheExactSequenceAndReadsItBack)
 {
     const Bytes expected = {
         19, 2, 6, 0, 0, 0, 'f', 'a', 'i', 'l', 'e', 'd', // ErrorMessage
@@ -32,19 +32,20 @@ TEST(SoftwareUpdateStatusTest, ErrorStateWritesTheExactSequence)
     };
     EXPECT_EQ(Write(ErrorStatus()), expected);
     EXPECT_EQ(Read<SoftwareUpdateStatus>(expected), ErrorStatus());
+    ExpectEveryPrefixFails<SoftwareUpdateStatus>(expected);
+    // Any non-zero flag byte reads as true.
+    EXPECT_TRUE(Read<SoftwareUpdateStatus>(WireBytes().Text("").Int32(0).Int32(0).Int32(1).Tag(RscType::Bool).Byte(0x80).bytes).StatusFlag);
 }
 
-TEST(SoftwareUpdateStatusTest, AnyNonZeroFlagByteReadsAsTrue)
+TEST(SoftwareUpdateStatusTest, WrongTagStopsWithWhatWasRead)
 {
-    const Bytes data = WireBytes().Text("").Int32(0).Int32(0).Int32(1).Tag(Zun::System::Rsc::RscType::Bool).Byte(0x80).bytes;
-    const auto status = Read<SoftwareUpdateStatus>(data);
-    EXPECT_TRUE(status.StatusFlag);
-    EXPECT_EQ(status.InstallationState, InstallationState::Installing);
-}
-
-TEST(SoftwareUpdateStatusTest, TruncatedStreamsFailAsStreamFaults)
-{
-    ExpectEveryPrefixFails<SoftwareUpdateStatus>(Write(ErrorStatus()));
+    SoftwareUpdateStatus status;
+    status.StatusWord2 = 7;
+    const Bytes data = WireBytes().Text("read").Int32(-1).UInt32(5).Int32(0).Bool(true).bytes;
+    EXPECT_EQ(ReadFailure<Zun::System::Rsc::RemotingException>(data, status), "Unexpected tag 9 where 8 was expected.");
+    EXPECT_EQ(status.ErrorMessage.ToString(), "read");
+    EXPECT_EQ(status.StatusWord1, -1);
+    EXPECT_EQ(status.StatusWord2, 7);
 }
 
 } // namespace

@@ -1,13 +1,14 @@
-// Builds expected remote-call byte streams by hand, field by field, for the record tests.
+// Builds expected remote-call byte streams by hand, field by field, and runs records over them.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "../Platform/Expect.hpp"
 #include "Zun/Commons/DateTime.hpp"
 #include "Zun/Rsc/RemotingException.hpp"
 #include "Zun/Rsc/RemotingReader.hpp"
@@ -23,54 +24,31 @@ using System::Rsc::RscType;
 class WireBytes
 {
 public:
-    WireBytes& Tag(RscType tag)
-    {
-        bytes.push_back(static_cast<std::uint8_t>(tag));
-        return *this;
-    }
+    WireBytes& Tag(RscType tag) { return Byte(static_cast<std::uint8_t>(tag)); }
     WireBytes& Byte(std::uint8_t value)
     {
         bytes.push_back(value);
         return *this;
     }
-    // Little-endian, as counts and field counts travel and as the target stores its integers.
-    WireBytes& U32(std::uint32_t value)
-    {
-        for (int i = 0; i < 4; ++i)
-        {
-            bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-        }
-        return *this;
-    }
+    // Little-endian, as counts travel and as the target stores its integers.
+    WireBytes& U32(std::uint32_t value) { return Byte(value & 0xFF).Byte((value >> 8) & 0xFF).Byte((value >> 16) & 0xFF).Byte(value >> 24); }
     // A string: [tag 19] encoding 2, length, bytes.
-    WireBytes& Text(const char* text, bool withTag = true)
+    WireBytes& Text(const std::string& text, bool withTag = true)
     {
         if (withTag)
         {
             Tag(RscType::String);
         }
-        Byte(2);
-        U32(static_cast<std::uint32_t>(std::strlen(text)));
-        bytes.insert(bytes.end(), text, text + std::strlen(text));
+        Byte(2).U32(static_cast<std::uint32_t>(text.size()));
+        bytes.insert(bytes.end(), text.begin(), text.end());
         return *this;
     }
-    WireBytes& Date(DateTime date)
-    {
-        const std::uint64_t raw = date.ToBinary();
-        for (int i = 0; i < 8; ++i)
-        {
-            bytes.push_back(static_cast<std::uint8_t>(raw >> (8 * i)));
-        }
-        return *this;
-    }
-    WireBytes& Struct(std::uint32_t fieldCount)
-    {
-        Tag(RscType::Struct);
-        return U32(fieldCount);
-    }
+    WireBytes& Date(DateTime date) { return U32(static_cast<std::uint32_t>(date.ToBinary())).U32(static_cast<std::uint32_t>(date.ToBinary() >> 32)); }
+    WireBytes& Struct(std::uint32_t fieldCount) { return Tag(RscType::Struct).U32(fieldCount); }
     WireBytes& Int32(std::int32_t value) { return Tag(RscType::Int32).U32(static_cast<std::uint32_t>(value)); }
     WireBytes& UInt32(std::uint32_t value) { return Tag(RscType::UInt32).U32(value); }
     WireBytes& Bool(bool value) { return Tag(RscType::Bool).Byte(value ? 1 : 0); }
+    WireBytes& TextListHeader(std::uint32_t count) { return Tag(RscType::Array).Tag(RscType::String).U32(count); }
 
     Bytes bytes;
 };
@@ -94,6 +72,22 @@ Record Read(const Bytes& bytes)
     return record;
 }
 
+// The message of the E that reading `bytes` into `record` throws; the record keeps what was read.
+template <class E, class Record>
+std::string ReadFailure(const Bytes& bytes, Record& record)
+{
+    System::Rsc::RemotingReader reader(bytes.data(), bytes.size());
+    return ZunTest::MessageOf<E>([&] { record.ReadFrom(reader); });
+}
+
+// The message of the E that writing `record` throws; `written` gets what reached the stream.
+template <class E, class Record>
+std::string WriteFailure(const Record& record, Bytes& written)
+{
+    System::Rsc::RemotingWriter writer(written);
+    return ZunTest::MessageOf<E>([&] { record.WriteTo(writer); });
+}
+
 // Every proper prefix of a valid stream must fail as a stream fault, never crash or succeed.
 template <class Record>
 void ExpectEveryPrefixFails(const Bytes& valid)
@@ -103,20 +97,6 @@ void ExpectEveryPrefixFails(const Bytes& valid)
         Record record;
         System::Rsc::RemotingReader reader(valid.data(), length);
         EXPECT_THROW(record.ReadFrom(reader), System::Rsc::RemotingException) << "prefix length " << length;
-    }
-}
-
-template <class Exception>
-void ExpectThrowWithMessage(const std::function<void()>& action, const char* message)
-{
-    try
-    {
-        action();
-        ADD_FAILURE() << "no exception";
-    }
-    catch (const Exception& e)
-    {
-        EXPECT_STREQ(e.what(), message);
     }
 }
 
