@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "../Platform/Expect.hpp"
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
@@ -21,6 +22,7 @@ namespace
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using State = UpdateInstallationState;
+using Property = std::pair<const String, String>;
 
 const String App = "Generic files / app.tar";
 const String Project = "Tesmora Engineer project / plant";
@@ -57,33 +59,20 @@ protected:
     TemporaryFolder folder;
     String path = folder.File("store.db");
     std::unique_ptr<StatusStore> store = std::make_unique<StatusStore>(path);
+};
 
-    void Reopen()
-    {
-        store.reset();
-        store = std::make_unique<StatusStore>(path);
-    }
-    // Brings App into `state` through the state machine's own operations.
-    void Seed(State state)
-    {
-        store->AddComponent(App);
-        store->SetUpdateStatus(App, "seeded", true);
-        if (state != State::Idle)
-        {
-            ASSERT_TRUE(store->SwitchToInstalling(App, true));
-        }
-        if (state == State::Error)
-        {
-            store->FinishInstallation(App, false);
-        }
-        ASSERT_EQ(StatusOf(*store, App).InstallationState, state);
-    }
+enum class Operation
+{
+    Switch,
+    FinishSuccess,
+    FinishFailure,
+    Reset
 };
 
 struct Transition
 {
-    const char* operation;
     State from;
+    Operation operation;
     bool accepted;
     State to;
 };
@@ -92,75 +81,74 @@ class StatusStoreTransitionTest : public StatusStoreTest, public ::testing::With
 {
 };
 
-// Only the transitions of the state machine are taken; everything else is refused and changes nothing.
+// Only the state machine's transitions are taken; a refusal returns false and changes nothing.
 TEST_P(StatusStoreTransitionTest, TakesOnlyTheStateMachinesTransitions)
 {
-    const Transition& transition = GetParam();
-    Seed(transition.from);
-    const SoftwareUpdateStatus before = StatusOf(*store, App);
-
-    bool result = true;
-    const String operation = transition.operation;
-    if (operation == "SwitchToInstalling")
+    const Transition& t = GetParam();
+    store->AddComponent(App);
+    store->SetUpdateStatus(App, "seeded", true);
+    if (t.from != State::Idle)
     {
-        result = store->SwitchToInstalling(App, false);
+        ASSERT_TRUE(store->SwitchToInstalling(App, true));
     }
-    else if (operation == "FinishInstallation(true)")
-    {
-        store->FinishInstallation(App, true);
-    }
-    else if (operation == "FinishInstallation(false)")
+    if (t.from == State::Error)
     {
         store->FinishInstallation(App, false);
     }
-    else
-    {
-        result = store->ResetError(App);
-    }
+    const SoftwareUpdateStatus before = StatusOf(*store, App);
+    ASSERT_EQ(before.InstallationState, t.from);
 
-    const SoftwareUpdateStatus after = StatusOf(*store, App);
-    EXPECT_EQ(after.InstallationState, transition.to);
-    if (operation == "SwitchToInstalling" || operation == "ResetError")
+    bool accepted = false;
+    switch (t.operation)
     {
-        EXPECT_EQ(result, transition.accepted);
+    case Operation::Switch:
+        accepted = store->SwitchToInstalling(App, false);
+        break;
+    case Operation::FinishSuccess:
+    case Operation::FinishFailure:
+        store->FinishInstallation(App, t.operation == Operation::FinishSuccess);
+        accepted = StatusOf(*store, App).InstallationState != t.from;
+        break;
+    case Operation::Reset:
+        accepted = store->ResetError(App);
+        break;
     }
-    if (!transition.accepted)
+    const SoftwareUpdateStatus after = StatusOf(*store, App);
+    EXPECT_EQ(accepted, t.accepted);
+    EXPECT_EQ(after.InstallationState, t.to);
+    if (!t.accepted)
     {
-        EXPECT_EQ(after.ErrorMessage, before.ErrorMessage);
-        EXPECT_EQ(after.StatusWord1, before.StatusWord1);
-        EXPECT_EQ(after.StatusFlag, before.StatusFlag);
+        EXPECT_EQ(after, before);
     }
     // The record's text is the status callback's business, never the state machine's.
     EXPECT_EQ(after.ErrorMessage.ToString(), "seeded");
 }
 
 INSTANTIATE_TEST_SUITE_P(AllStates, StatusStoreTransitionTest,
-                         ::testing::Values(Transition{"SwitchToInstalling", State::Idle, true, State::Installing},
-                                           Transition{"SwitchToInstalling", State::Installing, false, State::Installing},
-                                           Transition{"SwitchToInstalling", State::Error, false, State::Error},
-                                           Transition{"FinishInstallation(true)", State::Installing, true, State::Idle},
-                                           Transition{"FinishInstallation(false)", State::Installing, true, State::Error},
-                                           Transition{"FinishInstallation(true)", State::Idle, false, State::Idle},
-                                           Transition{"FinishInstallation(false)", State::Idle, false, State::Idle},
-                                           Transition{"FinishInstallation(true)", State::Error, false, State::Error},
-                                           Transition{"ResetError", State::Error, true, State::Idle},
-                                           Transition{"ResetError", State::Idle, false, State::Idle},
-                                           Transition{"ResetError", State::Installing, false, State::Installing}));
+                         ::testing::Values(Transition{State::Idle, Operation::Switch, true, State::Installing},
+                                           Transition{State::Installing, Operation::Switch, false, State::Installing},
+                                           Transition{State::Error, Operation::Switch, false, State::Error},
+                                           Transition{State::Installing, Operation::FinishSuccess, true, State::Idle},
+                                           Transition{State::Installing, Operation::FinishFailure, true, State::Error},
+                                           Transition{State::Idle, Operation::FinishSuccess, false, State::Idle},
+                                           Transition{State::Idle, Operation::FinishFailure, false, State::Idle},
+                                           Transition{State::Error, Operation::FinishSuccess, false, State::Error},
+                                           Transition{State::Error, Operation::Reset, true, State::Idle},
+                                           Transition{State::Idle, Operation::Reset, false, State::Idle},
+                                           Transition{State::Installing, Operation::Reset, false, State::Installing}));
 
 TEST_F(StatusStoreTest, SwitchToInstallingRecordsThePreparationFlagAndRestartsProgress)
 {
     store->AddComponent(App);
     store->SetPercentComplete(App, 40);
     ASSERT_TRUE(store->SwitchToInstalling(App, true));
-    SoftwareUpdateStatus status = StatusOf(*store, App);
-    EXPECT_TRUE(status.StatusFlag);
-    EXPECT_EQ(status.StatusWord1, 0);
-
+    EXPECT_TRUE(StatusOf(*store, App).StatusFlag);
+    EXPECT_EQ(StatusOf(*store, App).StatusWord1, 0);
     store->SetPercentComplete(App, 250);
     EXPECT_EQ(StatusOf(*store, App).StatusWord1, 100);
 }
 
-TEST_F(StatusStoreTest, KeepsRecordsPropertiesAndAuditLogAcrossReopening)
+TEST_F(StatusStoreTest, KeepsRecordsPersistentPropertiesAndAuditLogAcrossReopening)
 {
     store->AddComponent(Project);
     store->AddComponent(App);
@@ -175,34 +163,23 @@ TEST_F(StatusStoreTest, KeepsRecordsPropertiesAndAuditLogAcrossReopening)
     sent.severity = 1;
     sent.text = "Installation of 'plant' (version: 2.0) successful.";
     const std::int64_t id = store->AppendNotification(sent);
+    EXPECT_TRUE(std::filesystem::exists(std::string(path) + "-wal"));
 
-    Reopen();
-
+    store = std::make_unique<StatusStore>(path);
     EXPECT_THAT(store->GetComponentNames(), ElementsAre(Project, App));
-    const SoftwareUpdateStatus status = StatusOf(*store, Project);
-    EXPECT_EQ(status.InstallationState, State::Installing);
-    EXPECT_EQ(status.ErrorMessage.ToString(), "Copying");
-    // Only the persistent property outlives the session that set it.
-    EXPECT_THAT(store->GetProperties(Project), ElementsAre(std::pair<const String, String>("TargetSoftwareRevision", "2.0")));
+    EXPECT_EQ(StatusOf(*store, Project).InstallationState, State::Installing);
+    EXPECT_EQ(StatusOf(*store, Project).ErrorMessage.ToString(), "Copying");
+    EXPECT_THAT(store->GetProperties(Project), ElementsAre(Property("TargetSoftwareRevision", "2.0")));
     const auto notifications = store->GetNotifications();
     ASSERT_EQ(notifications.size(), 1u);
-    EXPECT_EQ(notifications[0].id, id);
-    EXPECT_EQ(notifications[0].timestamp, sent.timestamp);
-    EXPECT_EQ(notifications[0].name, sent.name);
-    EXPECT_EQ(notifications[0].senderName, sent.senderName);
-    EXPECT_EQ(notifications[0].severity, 1u);
-    EXPECT_EQ(notifications[0].text, sent.text);
+    const StoredNotification& kept = notifications[0];
+    EXPECT_EQ(std::tie(kept.id, kept.timestamp, kept.name, kept.senderName, kept.severity, kept.text),
+              std::tie(id, sent.timestamp, sent.name, sent.senderName, sent.severity, sent.text));
     EXPECT_EQ(store->GetLastNotificationId(), id);
     EXPECT_THAT(store->GetNotifications(id), IsEmpty());
 }
 
-TEST_F(StatusStoreTest, UsesWriteAheadLogging)
-{
-    store->AddComponent(App);
-    EXPECT_TRUE(std::filesystem::exists(std::string(path) + "-wal"));
-}
-
-TEST_F(StatusStoreTest, RepeatedRegistrationKeepsRecordStateAndProperties)
+TEST_F(StatusStoreTest, RepeatedRegistrationKeepsEverythingAndRemovalDropsEverything)
 {
     store->AddComponent(App);
     store->AddComponent(Project);
@@ -211,28 +188,15 @@ TEST_F(StatusStoreTest, RepeatedRegistrationKeepsRecordStateAndProperties)
     store->SetProperty(App, "InstallationStartedByModule", "true", true);
 
     store->AddComponent(App);
-
     EXPECT_THAT(store->GetComponentNames(), ElementsAre(App, Project));
-    const SoftwareUpdateStatus status = StatusOf(*store, App);
-    EXPECT_EQ(status.InstallationState, State::Installing);
-    EXPECT_EQ(status.ErrorMessage.ToString(), "Preparing");
-    String value;
-    EXPECT_TRUE(store->GetProperty(App, "InstallationStartedByModule", value));
-    EXPECT_EQ(value, "true");
-}
-
-TEST_F(StatusStoreTest, RemovingDropsRecordAndPropertiesAndIsHarmlessForUnknownNames)
-{
-    store->AddComponent(App);
-    ASSERT_TRUE(store->SwitchToInstalling(App, false));
-    store->SetProperty(App, "TargetSoftwareRevision", "2.0", true);
+    EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Installing);
+    EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), "Preparing");
+    EXPECT_THAT(store->GetProperties(App), ElementsAre(Property("InstallationStartedByModule", "true")));
 
     store->RemoveComponent("Generic files / never.tar");
     store->RemoveComponent(App);
     store->RemoveComponent(App);
-    EXPECT_THAT(store->GetComponentNames(), IsEmpty());
-
-    // A component registered again starts afresh.
+    EXPECT_THAT(store->GetComponentNames(), ElementsAre(Project));
     store->AddComponent(App);
     EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Idle);
     EXPECT_THAT(store->GetProperties(App), IsEmpty());
@@ -243,7 +207,6 @@ TEST_F(StatusStoreTest, RequestsForUnregisteredComponentsChangeNothing)
     Testing::LogCapture log(5);
     SoftwareUpdateStatus status;
     status.ErrorMessage = String("untouched");
-
     EXPECT_FALSE(store->GetStatus(App, status));
     EXPECT_EQ(status.ErrorMessage.ToString(), "untouched");
     store->SetUpdateStatus(App, "text", true);
@@ -256,7 +219,6 @@ TEST_F(StatusStoreTest, RequestsForUnregisteredComponentsChangeNothing)
     String value = "kept";
     EXPECT_FALSE(store->GetProperty(App, "TargetSoftwareRevision", value));
     EXPECT_EQ(value, "kept");
-
     EXPECT_THAT(store->GetComponentNames(), IsEmpty());
     EXPECT_THAT(store->GetProperties(App), IsEmpty());
     EXPECT_TRUE(log.Contains(5, "Component 'Generic files / app.tar' is not registered; request ignored."));
@@ -270,11 +232,9 @@ TEST_F(StatusStoreTest, PropertiesAreOverwrittenAndRemovedPerComponent)
     store->SetProperty(Project, "TargetSoftwareRevision", "9.9", true);
     store->SetProperty(App, "TargetSoftwareRevision", "2.0", true);
     store->RemoveProperty(App, "Absent");
-
-    String value;
-    ASSERT_TRUE(store->GetProperty(App, "TargetSoftwareRevision", value));
-    EXPECT_EQ(value, "2.0");
+    EXPECT_THAT(store->GetProperties(App), ElementsAre(Property("TargetSoftwareRevision", "2.0")));
     store->RemoveProperty(App, "TargetSoftwareRevision");
+    String value;
     EXPECT_FALSE(store->GetProperty(App, "TargetSoftwareRevision", value));
     ASSERT_TRUE(store->GetProperty(Project, "TargetSoftwareRevision", value));
     EXPECT_EQ(value, "9.9");
@@ -284,9 +244,7 @@ TEST_F(StatusStoreTest, KeepsTheMessageToWhatTheRecordHoldsWithoutSplittingAChar
 {
     store->AddComponent(App);
     // 510 ASCII bytes, then a two-byte character that would end one byte past the limit.
-    const String text = String(510, 'a') + "\xC3\xA9" + String(40, 'b');
-    store->SetUpdateStatus(App, text, false);
-
+    store->SetUpdateStatus(App, String(510, 'a') + "\xC3\xA9" + String(40, 'b'), false);
     EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), String(510, 'a'));
     EXPECT_EQ(store->GetAllStatus().at(0).status.ErrorMessage.ToString(), String(510, 'a'));
 }
@@ -294,27 +252,27 @@ TEST_F(StatusStoreTest, KeepsTheMessageToWhatTheRecordHoldsWithoutSplittingAChar
 class RecordingListener : public IStatusStoreListener
 {
 public:
-    explicit RecordingListener(StatusStore* store = nullptr) : store(store) {}
+    explicit RecordingListener(StatusStore& store) : store(store) {}
     void OnStatusChanged(const String& name, const SoftwareUpdateStatus* status) override
     {
-        if (store != nullptr)
+        store.GetComponentNames(); // calling back into the store must not deadlock
+        if (fail)
         {
-            // Calling back into the store from a listener must not deadlock.
-            store->GetComponentNames();
+            throw std::runtime_error("listener broke");
         }
         events.push_back(status == nullptr ? name + ": removed"
                                            : fmt::format("{}: {} '{}'", name, static_cast<int>(status->InstallationState),
                                                          status->ErrorMessage.ToString()));
     }
-    StatusStore* store;
+    StatusStore& store;
+    bool fail = false;
     std::vector<std::string> events;
 };
 
 TEST_F(StatusStoreTest, TellsListenersAboutEveryChangedRecordOnly)
 {
-    auto listener = std::make_shared<RecordingListener>(store.get());
+    auto listener = std::make_shared<RecordingListener>(*store);
     store->AddListener(listener);
-
     store->AddComponent(App);
     store->AddComponent(App);
     store->SetUpdateStatus(App, "ready", true);
@@ -326,45 +284,33 @@ TEST_F(StatusStoreTest, TellsListenersAboutEveryChangedRecordOnly)
     store->SetProperty(App, "TargetSoftwareRevision", "2.0", true);
     store->RemoveComponent(App);
     store->RemoveComponent(App);
-
     EXPECT_THAT(listener->events, ElementsAre("Generic files / app.tar: 0 ''", "Generic files / app.tar: 0 'ready'",
                                               "Generic files / app.tar: 1 'ready'", "Generic files / app.tar: 2 'ready'",
                                               "Generic files / app.tar: removed"));
 
-    store->RemoveListener(listener);
-    store->AddComponent(App);
-    EXPECT_EQ(listener->events.size(), 5u);
-}
-
-class ThrowingListener : public IStatusStoreListener
-{
-public:
-    void OnStatusChanged(const String&, const SoftwareUpdateStatus*) override { throw std::runtime_error("listener broke"); }
-};
-
-TEST_F(StatusStoreTest, AFailingListenerNeitherUndoesTheChangeNorThrows)
-{
+    // A failing listener neither undoes the change nor throws.
     Testing::LogCapture log(3);
-    store->AddListener(std::make_shared<ThrowingListener>());
+    listener->fail = true;
     store->AddComponent(App);
     EXPECT_NO_THROW(EXPECT_TRUE(store->SwitchToInstalling(App, false)));
     EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Installing);
     EXPECT_TRUE(log.Contains(3, "Status listener failed for 'Generic files / app.tar': listener broke"));
+
+    store->RemoveListener(listener);
+    listener->fail = false;
+    store->RemoveComponent(App);
+    EXPECT_EQ(listener->events.size(), 5u);
 }
 
-TEST_F(StatusStoreTest, TwoOpenStoresOnOneFileSeeEachOthersChanges)
+TEST_F(StatusStoreTest, StoresOnOneFileSeeEachOtherAndExactlyOneOfConcurrentSwitchesWins)
 {
     StatusStore other(path);
     store->AddComponent(App);
     ASSERT_TRUE(other.SwitchToInstalling(App, false));
     EXPECT_FALSE(store->SwitchToInstalling(App, false));
-    EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Installing);
-}
+    other.FinishInstallation(App, true);
 
-TEST_F(StatusStoreTest, ExactlyOneOfConcurrentSwitchesWins)
-{
     constexpr int Threads = 6;
-    store->AddComponent(App);
     std::vector<std::unique_ptr<StatusStore>> connections;
     for (int i = 0; i < Threads; ++i)
     {
@@ -379,10 +325,7 @@ TEST_F(StatusStoreTest, ExactlyOneOfConcurrentSwitchesWins)
         threads.emplace_back([&, i] {
             StatusStore& target = connections[i] ? *connections[i] : *store;
             start.ArriveAndWait();
-            if (target.SwitchToInstalling(App, false))
-            {
-                ++wins;
-            }
+            wins += target.SwitchToInstalling(App, false) ? 1 : 0;
         });
     }
     for (auto& thread : threads)
@@ -392,35 +335,17 @@ TEST_F(StatusStoreTest, ExactlyOneOfConcurrentSwitchesWins)
     EXPECT_EQ(wins.load(), 1);
 }
 
-TEST(StatusStoreOpenTest, RefusesAFileThatIsNotAStore)
+TEST(StatusStoreOpenTest, RefusesAFileThatIsNotAStoreAndAMissingFolder)
 {
     TemporaryFolder folder;
-    const String path = folder.File("notes.txt");
-    std::ofstream(std::string(path)) << "these are not the records you are looking for, not at all, not one of them\n";
-    try
-    {
-        StatusStore store(path);
-        FAIL() << "opened";
-    }
-    catch (const System::Commons::InvalidOperationException& e)
-    {
-        EXPECT_EQ(e.GetMessage(), fmt::format("Status store '{}': PRAGMA journal_mode=WAL failed: file is not a database", path));
-    }
-}
-
-TEST(StatusStoreOpenTest, RefusesAFolderThatDoesNotExist)
-{
-    TemporaryFolder folder;
-    const String path = folder.File("missing/store.db");
-    try
-    {
-        StatusStore store(path);
-        FAIL() << "opened";
-    }
-    catch (const System::Commons::InvalidOperationException& e)
-    {
-        EXPECT_EQ(e.GetMessage(), fmt::format("Cannot open the status store '{}': unable to open database file", path));
-    }
+    const String notes = folder.File("notes.txt");
+    std::ofstream(std::string(notes)) << "these are not the records you are looking for, not at all, not one of them\n";
+    const String missing = folder.File("missing/store.db");
+    using System::Commons::InvalidOperationException;
+    EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(notes); }),
+              fmt::format("Status store '{}': PRAGMA journal_mode=WAL failed: file is not a database", notes));
+    EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(missing); }),
+              fmt::format("Cannot open the status store '{}': unable to open database file", missing));
 }
 
 } // namespace
