@@ -15,7 +15,6 @@ using Zun::AppDomain;
 using Zun::Singleton;
 using Zun::String;
 using Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::Internal::Security::SecurityNotifications;
-using Kind = Zun::Services::SoftwareManager::Services::Internal::SoftwareKind;
 using EntryFunction = decltype(&CreateSoftwareUpdateModuleLibrary);
 
 class PluginLoadTest : public testing::Test
@@ -66,18 +65,5 @@ TEST_F(PluginLoadTest, ModulesUnderBothNamesShareTheProcessWideSingletons)
     EXPECT_EQ(static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance), nullptr);
     confirmDisabled.reset();
     EXPECT_TRUE(env.notifications.GetRegistrations().empty());
-}
-
-TEST_F(PluginLoadTest, ALoadedModuleInitializesAgainstTheHostServices)
-{
-    env.managerFake->AddComponent(Kind::GenericFiles, "app.tar", Zun::Testing::FakeSoftwareManagerService::MakeManifest("1.0"));
-    auto module = entry(*Singleton<AppDomain>::pInstance)->GetFactory().CreateModule(String("SoftwareUpdater"));
-
-    module->Initialize(String("SoftwareUpdater"), env.status);
-
-    EXPECT_EQ(env.statusFake->GetComponentNames(), std::vector<String>{"Generic files / app.tar"});
-    Zun::Services::SoftwareUpdate::Services::Internal::SoftwareUpdateStatus status;
-    EXPECT_EQ(module->GetStatus(String("Generic files / app.tar"), status), 0u);
-    EXPECT_EQ(module->GetStatus(String("not a component"), status), 0x80AB0000u);
 }
 } // namespace
