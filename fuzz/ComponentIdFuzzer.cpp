@@ -63,7 +63,7 @@ void CheckParse(const String& text)
     ZUN_FUZZ_CHECK(formed.kind == parsed.kind && formed.name == parsed.name, "forming changed kind or name");
     // The prefix is compared as a NUL-terminated string, so only a text without NUL before the
     // delimiter comes back byte for byte.
-    if (std::memchr(text.data(), '\0', delimiter) == nullptr)
+    if (text.find('\0') >= delimiter)
     {
         ZUN_FUZZ_CHECK(formed.componentId == text, "the formed text differs from the parsed one");
     }
