@@ -11,26 +11,29 @@ namespace
 {
 using Zun::AppDomain;
 using Zun::Singleton;
-using Zun::String;
 using Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::ModuleLibrary;
 using Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::SoftwareUpdaterModule;
-using Zun::System::Commons::Diagnostics::Logging::LogManager;
 
-TEST(ModuleLibraryTest, RegistersBothNamesInOrderForTheSameFunction)
+TEST(ModuleLibraryTest, RegistersBothNamesInOrderEachCreatingANewModule)
 {
-    AppDomain domain;
-    ModuleLibrary library(domain);
+    Zun::Testing::ModuleEnvironment environment;
+    ModuleLibrary library(*Singleton<AppDomain>::pInstance);
+    auto& factory = library.GetFactory();
 
-    const auto& entries = library.GetFactory().GetEntries();
-    ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[0].first, "SoftwareUpdater");
-    EXPECT_EQ(entries[1].first, "SoftwareUpdaterConfirmDisabled");
-    for (const auto& entry : entries)
-    {
-        const auto* target = entry.second.target<std::unique_ptr<Zun::Services::SoftwareUpdate::IUpdaterModule> (*)()>();
-        ASSERT_NE(target, nullptr);
-        EXPECT_EQ(*target, &ModuleLibrary::CreateModule);
-    }
+    ASSERT_EQ(factory.GetEntries().size(), 2u);
+    EXPECT_EQ(factory.GetEntries()[0].first, "SoftwareUpdater");
+    EXPECT_EQ(factory.GetEntries()[1].first, "SoftwareUpdaterConfirmDisabled");
+    auto first = factory.CreateModule("SoftwareUpdater");
+    auto second = factory.CreateModule("SoftwareUpdater");
+    auto confirmDisabled = factory.CreateModule("SoftwareUpdaterConfirmDisabled");
+    ASSERT_NE(dynamic_cast<SoftwareUpdaterModule*>(first.get()), nullptr);
+    EXPECT_NE(first.get(), second.get());
+    EXPECT_NE(dynamic_cast<SoftwareUpdaterModule*>(confirmDisabled.get()), nullptr);
+
+    // A name is registered once; names are case-sensitive.
+    EXPECT_THROW(factory.AddFactoryFunction("SoftwareUpdater", &ModuleLibrary::CreateModule), Zun::System::Commons::ArgumentException);
+    factory.AddFactoryFunction("softwareupdater", &ModuleLibrary::CreateModule);
+    EXPECT_EQ(factory.GetEntries().size(), 3u);
 }
 
 TEST(ModuleLibraryTest, KeepsAnAppDomainTheHostAlreadySetButAlwaysTellsTheLogManager)
@@ -38,50 +41,14 @@ TEST(ModuleLibraryTest, KeepsAnAppDomainTheHostAlreadySetButAlwaysTellsTheLogMan
     Zun::Testing::ModuleEnvironment environment; // installs its own domain as the process's
     AppDomain* hostDomain = Singleton<AppDomain>::pInstance;
     AppDomain other;
-
     ModuleLibrary library(other);
-
     EXPECT_EQ(static_cast<AppDomain*>(Singleton<AppDomain>::pInstance), hostDomain);
-    EXPECT_EQ(LogManager::GetAssignedAppDomain(), &other);
-}
+    EXPECT_EQ(Zun::System::Commons::Diagnostics::Logging::LogManager::GetAssignedAppDomain(), &other);
 
-TEST(ModuleLibraryTest, StoresTheDomainWhenNoneIsSet)
-{
-    AppDomain* previous = Singleton<AppDomain>::pInstance;
+    // Stored when none is set.
     Singleton<AppDomain>::pInstance = nullptr;
-    AppDomain domain;
-
-    ModuleLibrary library(domain);
-
-    EXPECT_EQ(static_cast<AppDomain*>(Singleton<AppDomain>::pInstance), &domain);
-    Singleton<AppDomain>::pInstance = previous;
-}
-
-TEST(ModuleLibraryTest, EachNameCreatesANewDistinctModule)
-{
-    Zun::Testing::ModuleEnvironment environment;
-    ModuleLibrary library(*Singleton<AppDomain>::pInstance);
-    const auto& factory = library.GetFactory();
-
-    auto first = factory.CreateModule(String("SoftwareUpdater"));
-    auto second = factory.CreateModule(String("SoftwareUpdater"));
-    auto confirmDisabled = factory.CreateModule(String("SoftwareUpdaterConfirmDisabled"));
-
-    ASSERT_NE(first, nullptr);
-    EXPECT_NE(first.get(), second.get());
-    EXPECT_NE(dynamic_cast<SoftwareUpdaterModule*>(confirmDisabled.get()), nullptr);
-}
-
-TEST(ModuleLibraryTest, RefusesToRegisterANameTwiceButNamesAreCaseSensitive)
-{
-    AppDomain domain;
-    ModuleLibrary library(domain);
-    auto& factory = library.GetFactory();
-
-    EXPECT_THROW(factory.AddFactoryFunction(String("SoftwareUpdater"), &ModuleLibrary::CreateModule),
-                 Zun::System::Commons::ArgumentException);
-    factory.AddFactoryFunction(String("softwareupdater"), &ModuleLibrary::CreateModule);
-
-    EXPECT_EQ(factory.GetEntries().size(), 3u);
+    ModuleLibrary stored(other);
+    EXPECT_EQ(static_cast<AppDomain*>(Singleton<AppDomain>::pInstance), &other);
+    Singleton<AppDomain>::pInstance = hostDomain;
 }
 } // namespace

@@ -1,16 +1,20 @@
-// Test fixture for the updater module's queries, installation and whole installation runs: an
-// initialised module over the in-memory services, the sleep seam held so that the status thread
-// polls only when a test releases it, a log capture at level 7 and a watchdog against hangs.
+// Shared fixture of the updater module's tests: a module over the in-memory services, the sleep seam
+// held so that a status thread polls only when a test releases it, a log capture at level 7 and a
+// watchdog against hangs. Journals and log lines compare as one text each, "Generic files / app" as "%".
 #pragma once
 
+#include <algorithm>
 #include <memory>
-#include <mutex>
+#include <string>
 #include <vector>
 
+#include <fmt/format.h>
+#include <fmt/ostream.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "SoftwareUpdater/SoftwareUpdaterModule.hpp"
+#include "Zun/Commons/Exception.hpp"
 #include "Zun/Commons/LogManager.hpp"
 #include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
@@ -21,34 +25,64 @@
 namespace Zun::Testing::UpdaterModule
 {
 
+using ::testing::_;
 namespace Codes = Services::SoftwareUpdate::StatusCodes;
 namespace Sm = Services::SoftwareManager::Services::Internal;
 namespace Su = Services::SoftwareUpdate::Services::Internal;
 using Module = Services::Modules::SoftwareUpdate::SoftwareUpdater::SoftwareUpdaterModule;
 using HostState = Su::InstallationState;
 using ManagerState = Sm::InstallationState;
-using Sm::SoftwareKind;
+using Kind = Sm::SoftwareKind;
 using FileType = Su::SoftwareVersionFileType;
+using Record = Su::SoftwareUpdateStatus;
 using Services::SoftwareUpdate::StatusCode;
 
-inline const String Name = "Generic files / app";
-inline const char* const BareName = "app";
+inline const String App = "Generic files / app";
 inline const String TargetKey = "TargetSoftwareRevision";
 inline const String StartedKey = "InstallationStartedByModule";
 inline const String ModuleLogger = "Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::SoftwareUpdaterModule";
 
-inline Sm::Manifest MakeManifest(const char* version, const char* uri = "urn:zun:test", std::uint32_t behavior = 0)
+inline Sm::Manifest Manifest(const char* version, const char* uri = "urn:zun:test", std::uint32_t behavior = 0)
 {
     return FakeSoftwareManagerService::MakeManifest(version, uri, behavior);
 }
 
-// The request that names the fake's default pending package exactly.
 inline Su::SoftwareVersionType Request(const char* revision = "2.0", const char* uri = "urn:zun:test")
 {
     Su::SoftwareVersionType version;
     version.SoftwareRevision = System::Rsc::RscString<512>(revision);
     version.ManufacturerUri = System::Rsc::RscString<512>(uri);
     return version;
+}
+
+// Lines joined by "; ", with App written as "%".
+inline std::string Joined(const std::vector<String>& lines)
+{
+    std::string text;
+    for (const String& line : lines)
+    {
+        text += (text.empty() ? "" : "; ") + line;
+    }
+    for (auto at = text.find(App); at != std::string::npos; at = text.find(App, at))
+    {
+        text.replace(at, App.size(), "%");
+    }
+    return text;
+}
+
+// Runs `action` and expects an exception of type E with exactly `message`.
+template <class E, class Action>
+void ExpectThrow(Action action, const std::string& message)
+{
+    try
+    {
+        action();
+        ADD_FAILURE() << "no exception";
+    }
+    catch (const E& e)
+    {
+        EXPECT_EQ(e.GetMessage(), message);
+    }
 }
 
 // Counts down when a given message is logged, so that a test can wait for a thread's log line.
@@ -71,25 +105,29 @@ private:
 
 class UpdaterModuleTest : public ::testing::Test
 {
-protected:
-    // "Generic files / app": 1.0 installed, 2.0 pending, manager idle.
-    void SetUp() override
+public:
+    void TearDown() override { Stop(); }
+
+    // Disabled unless `enabled`, so that no status thread calls the services beside the test.
+    void Start(bool enabled = false)
     {
-        env.managerFake->AddComponent(SoftwareKind::GenericFiles, BareName, MakeManifest("1.0"), MakeManifest("2.0"));
-        StartModule();
+        Create();
+        if (!enabled)
+        {
+            module->Disable();
+        }
+        Clear();
     }
 
-    void TearDown() override { StopModule(); }
-
-    void StartModule()
+    // Initialises a module; its first pass may start a status thread.
+    void Create()
     {
         module = std::make_unique<Module>();
         module->Initialize("SoftwareUpdater", env.status);
-        ClearRecords();
     }
 
     // A parked status thread is let go only after the module is disabled, so it ends at once.
-    void StopModule()
+    void Stop()
     {
         if (module)
         {
@@ -99,55 +137,90 @@ protected:
         }
     }
 
-    void ClearRecords()
+    void Clear()
     {
         env.statusFake->ClearJournal();
         env.managerFake->ClearJournal();
         logs.Clear();
     }
 
-    std::vector<CapturedLine> ModuleLines() const
+    // Store calls; `changes` leaves out reads and registrations.
+    std::string Journal(bool changes = false) const
     {
-        std::vector<CapturedLine> lines;
+        std::vector<String> lines = env.statusFake->Journal();
+        if (changes)
+        {
+            lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                       [](const String& line) {
+                                           return line.rfind("GetStatus(", 0) == 0 || line.rfind("GetProperty(", 0) == 0 ||
+                                                  line.rfind("AddComponent(", 0) == 0;
+                                       }),
+                        lines.end());
+        }
+        return Joined(lines);
+    }
+
+    // Manager calls; `changes` keeps only those that stage, start or resume.
+    std::string ManagerJournal(bool changes = false) const
+    {
+        std::vector<String> lines = env.managerFake->Journal();
+        if (changes)
+        {
+            lines.erase(std::remove_if(lines.begin(), lines.end(), [](const String& line) { return line.rfind("Get", 0) == 0; }),
+                        lines.end());
+        }
+        return Joined(lines);
+    }
+
+    // The module's own log lines as "level message".
+    std::string Log() const
+    {
+        std::vector<String> lines;
         for (const CapturedLine& line : logs.Lines())
         {
             if (line.logger == ModuleLogger)
             {
-                lines.push_back(line);
+                lines.push_back(fmt::format("{} {}", line.level, line.message));
             }
         }
-        return lines;
+        return Joined(lines);
     }
 
-    std::vector<String> ModuleMessages(int level) const
+    // Everything that a refusal must leave alone: App's record and properties, and the work list.
+    std::string Snapshot() const
     {
-        std::vector<String> messages;
-        for (const CapturedLine& line : ModuleLines())
+        const auto state = env.statusFake->StateOf(App);
+        std::string text = state ? fmt::format("{}", fmt::streamed(*state)) : "-";
+        text += " [" + env.statusFake->ErrorMessageOf(App) + "]";
+        for (const auto& [key, value] : env.statusFake->PropertiesOf(App))
         {
-            if (line.level == level)
-            {
-                messages.push_back(line.message);
-            }
+            text += " " + key + "=" + value;
         }
-        return messages;
+        std::vector<String> list;
+        for (const String& name : module->GetSyncList())
+        {
+            list.push_back(name);
+        }
+        std::sort(list.begin(), list.end());
+        return text + " list: " + Joined(list);
     }
 
-    // Journal lines of the store that change something (reads and registrations left out).
-    std::vector<String> StoreChanges() const
+    HostState Sync(const String& name = App)
     {
-        std::vector<String> changes;
-        for (const String& line : env.statusFake->Journal())
-        {
-            if (line.rfind("GetStatus(", 0) != 0 && line.rfind("GetProperty(", 0) != 0 && line.rfind("AddComponent(", 0) != 0)
-            {
-                changes.push_back(line);
-            }
-        }
-        return changes;
+        Record record;
+        EXPECT_EQ(module->GetStatus(name, record), Codes::Good) << name;
+        return record.InstallationState;
     }
 
-    ManualSleep sleep;
+    // App as the host and the manager see it, with the same text on both sides.
+    void Seed(HostState host, ManagerState manager, const char* text = "")
+    {
+        env.statusFake->Seed(App, host, text);
+        env.managerFake->SetState(Kind::GenericFiles, "app", manager, text);
+    }
+
     Watchdog watchdog{std::chrono::seconds(60)};
+    ManualSleep sleep;
     LogCapture logs{7};
     ModuleEnvironment env;
     std::unique_ptr<Module> module;

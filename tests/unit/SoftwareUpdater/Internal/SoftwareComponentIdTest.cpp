@@ -1,8 +1,9 @@
 #include "SoftwareUpdater/Internal/SoftwareComponentId.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "Zun/Commons/Exception.hpp"
+#include "../UpdaterModuleFixture.hpp"
 
 namespace
 {
@@ -10,126 +11,43 @@ using Zun::String;
 using Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::Internal::SoftwareComponentId;
 using Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::Internal::SoftwareKind;
 
-struct ParseCase
+std::string Text(const SoftwareComponentId& id)
 {
-    const char* text;
-    bool parses;
-    SoftwareKind kind;
-    const char* name;
-};
-
-class SoftwareComponentIdParseTest : public testing::TestWithParam<ParseCase>
-{
-};
-
-TEST_P(SoftwareComponentIdParseTest, ParsesTextForm)
-{
-    const ParseCase& c = GetParam();
-    SoftwareComponentId id(String("untouched"), SoftwareKind::TesmoraEngineerProject, String("untouched"));
-
-    ASSERT_EQ(SoftwareComponentId::TryCreate(String(c.text), id), c.parses);
-
-    if (c.parses)
-    {
-        EXPECT_EQ(id.componentId, c.text);
-        EXPECT_EQ(id.kind, c.kind);
-        EXPECT_EQ(id.name, c.name);
-    }
-    else
-    {
-        EXPECT_EQ(id.componentId, "untouched");
-        EXPECT_EQ(id.kind, SoftwareKind::TesmoraEngineerProject);
-        EXPECT_EQ(id.name, "untouched");
-    }
+    return fmt::format("{}|{}|{}", id.componentId, static_cast<int>(id.kind), id.name);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, SoftwareComponentIdParseTest,
-    testing::Values(ParseCase{"Generic files / app.tar", true, SoftwareKind::GenericFiles, "app.tar"},
-                    ParseCase{"Tesmora Engineer project / proj", true, SoftwareKind::TesmoraEngineerProject, "proj"},
-                    ParseCase{"Generic files / a / b", true, SoftwareKind::GenericFiles, "a / b"},
-                    ParseCase{"Generic files / ", true, SoftwareKind::GenericFiles, ""},
-                    ParseCase{"None / x", true, SoftwareKind::None, "x"},
-                    ParseCase{"Generic files/a", false, SoftwareKind::None, ""},
-                    ParseCase{"generic files / a", false, SoftwareKind::None, ""},
-                    ParseCase{" / a", false, SoftwareKind::None, ""},
-                    ParseCase{"Generic files  / a", false, SoftwareKind::None, ""},
-                    ParseCase{"", false, SoftwareKind::None, ""}));
+TEST(SoftwareComponentIdTest, ParsesTheTextFormOrLeavesTheResultAlone)
+{
+    for (const auto& [text, expected] :
+         {std::pair("Generic files / app.tar", "Generic files / app.tar|1|app.tar"),
+          std::pair("Tesmora Engineer project / proj", "Tesmora Engineer project / proj|2|proj"),
+          std::pair("Generic files / a / b", "Generic files / a / b|1|a / b"), std::pair("Generic files / ", "Generic files / |1|"),
+          std::pair("None / x", "None / x|0|x"), std::pair("Generic files/a", ""), std::pair("generic files / a", ""),
+          std::pair(" / a", ""), std::pair("Generic files  / a", ""), std::pair("", "")})
+    {
+        SoftwareComponentId id("untouched", SoftwareKind::TesmoraEngineerProject, "untouched");
+        EXPECT_EQ(SoftwareComponentId::TryCreate(String(text), id), *expected != '\0') << text;
+        EXPECT_EQ(Text(id), *expected ? expected : "untouched|2|untouched") << text;
+    }
+    // The display names are compared as NUL-terminated texts.
+    SoftwareComponentId id;
+    ASSERT_TRUE(SoftwareComponentId::TryCreate(String("Generic files\0junk / a", 22), id));
+    EXPECT_EQ(id.kind, SoftwareKind::GenericFiles);
+    EXPECT_EQ(id.componentId, String("Generic files\0junk / a", 22));
+}
 
-TEST(SoftwareComponentIdTest, SplitOverwritesNameBeforeItKnowsTheKind)
+TEST(SoftwareComponentIdTest, SplitOverwritesTheNameBeforeItKnowsTheKindButNeedsTheDelimiter)
 {
     String name = "before";
     SoftwareKind kind = SoftwareKind::TesmoraEngineerProject;
-
-    EXPECT_FALSE(SoftwareComponentId::SplitComponentId(String("Unknown kind / x"), name, kind));
-
+    EXPECT_FALSE(SoftwareComponentId::SplitComponentId("Unknown kind / x", name, kind));
     EXPECT_EQ(name, "x");
     EXPECT_EQ(kind, SoftwareKind::TesmoraEngineerProject);
+    EXPECT_FALSE(SoftwareComponentId::SplitComponentId("Generic files", name, kind));
+    EXPECT_EQ(name, "x");
 }
 
-TEST(SoftwareComponentIdTest, SplitWithoutDelimiterChangesNothing)
-{
-    String name = "before";
-    SoftwareKind kind = SoftwareKind::GenericFiles;
-
-    EXPECT_FALSE(SoftwareComponentId::SplitComponentId(String("Generic files"), name, kind));
-
-    EXPECT_EQ(name, "before");
-    EXPECT_EQ(kind, SoftwareKind::GenericFiles);
-}
-
-TEST(SoftwareComponentIdTest, PrefixIsComparedUpToItsTerminator)
-{
-    // The display names are compared as NUL-terminated texts.
-    SoftwareComponentId id;
-    const String text("Generic files\0junk / a", 22);
-
-    ASSERT_TRUE(SoftwareComponentId::TryCreate(text, id));
-    EXPECT_EQ(id.kind, SoftwareKind::GenericFiles);
-    EXPECT_EQ(id.componentId, text);
-}
-
-TEST(SoftwareComponentIdTest, FormsTextFromKindAndName)
-{
-    SoftwareComponentId id;
-
-    ASSERT_TRUE(SoftwareComponentId::TryCreate(SoftwareKind::TesmoraEngineerProject, String("proj"), id));
-
-    EXPECT_EQ(id.componentId, "Tesmora Engineer project / proj");
-    EXPECT_EQ(id.kind, SoftwareKind::TesmoraEngineerProject);
-    EXPECT_EQ(id.name, "proj");
-}
-
-TEST(SoftwareComponentIdTest, RefusesKindNoneAndEmptyNameWithoutTouchingResult)
-{
-    SoftwareComponentId id(String("kept"), SoftwareKind::GenericFiles, String("kept"));
-
-    EXPECT_FALSE(SoftwareComponentId::TryCreate(SoftwareKind::None, String("x"), id));
-    EXPECT_FALSE(SoftwareComponentId::TryCreate(SoftwareKind::GenericFiles, String(), id));
-    // Checked before the kind is written, so an unknown kind with an empty name is no error either.
-    EXPECT_FALSE(SoftwareComponentId::TryCreate(static_cast<SoftwareKind>(7), String(), id));
-
-    EXPECT_EQ(id.componentId, "kept");
-    EXPECT_EQ(id.name, "kept");
-}
-
-TEST(SoftwareComponentIdTest, UnknownKindThrowsWithTheEnumerationName)
-{
-    SoftwareComponentId id;
-    try
-    {
-        SoftwareComponentId::TryCreate(static_cast<SoftwareKind>(7), String("x"), id);
-        FAIL() << "no exception";
-    }
-    catch (const Zun::Exception& e)
-    {
-        EXPECT_EQ(e.GetMessage(),
-                  "Invalid value for Enum 'Zun::Enum<Zun::Services::SoftwareManager::Services::Internal::SoftwareKind>' occurs: 7");
-    }
-    EXPECT_TRUE(id.componentId.empty());
-}
-
-TEST(SoftwareComponentIdTest, EveryFormedTextParsesBack)
+TEST(SoftwareComponentIdTest, FormsTextFromKindAndNameThatParsesBack)
 {
     for (SoftwareKind kind : {SoftwareKind::GenericFiles, SoftwareKind::TesmoraEngineerProject})
     {
@@ -137,22 +55,28 @@ TEST(SoftwareComponentIdTest, EveryFormedTextParsesBack)
         {
             SoftwareComponentId formed;
             SoftwareComponentId parsed;
-            ASSERT_TRUE(SoftwareComponentId::TryCreate(kind, String(name), formed));
+            ASSERT_TRUE(SoftwareComponentId::TryCreate(kind, name, formed));
             ASSERT_TRUE(SoftwareComponentId::TryCreate(formed.componentId, parsed)) << formed.componentId;
-            EXPECT_EQ(parsed.kind, kind);
-            EXPECT_EQ(parsed.name, name);
+            EXPECT_EQ(Text(parsed), Text(formed));
         }
     }
+    SoftwareComponentId id;
+    ASSERT_TRUE(SoftwareComponentId::TryCreate(SoftwareKind::TesmoraEngineerProject, "proj", id));
+    EXPECT_EQ(Text(id), "Tesmora Engineer project / proj|2|proj");
 }
 
-TEST(SoftwareComponentIdTest, CopiesAreIndependentValues)
+TEST(SoftwareComponentIdTest, RefusesKindNoneAndAnEmptyNameAndThrowsForAKindWithoutText)
 {
-    SoftwareComponentId original(String("Generic files / a"), SoftwareKind::GenericFiles, String("a"));
-    std::vector<SoftwareComponentId> list{original, original};
+    SoftwareComponentId id("kept", SoftwareKind::GenericFiles, "kept");
+    EXPECT_FALSE(SoftwareComponentId::TryCreate(SoftwareKind::None, "x", id));
+    EXPECT_FALSE(SoftwareComponentId::TryCreate(SoftwareKind::GenericFiles, String(), id));
+    // Checked before the kind is written, so an unknown kind with an empty name is no error either.
+    EXPECT_FALSE(SoftwareComponentId::TryCreate(static_cast<SoftwareKind>(7), String(), id));
+    EXPECT_EQ(Text(id), "kept|1|kept");
 
-    list[1].name = "b";
-
-    EXPECT_EQ(list[0].name, "a");
-    EXPECT_EQ(original.name, "a");
+    Zun::Testing::UpdaterModule::ExpectThrow<Zun::Exception>(
+        [&] { SoftwareComponentId::TryCreate(static_cast<SoftwareKind>(7), "x", id); },
+        "Invalid value for Enum 'Zun::Enum<Zun::Services::SoftwareManager::Services::Internal::SoftwareKind>' occurs: 7");
+    EXPECT_EQ(Text(id), "kept|1|kept");
 }
 } // namespace

@@ -1,5 +1,6 @@
 #include "SoftwareUpdater/Internal/Security/SecurityNotifications.hpp"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,12 +9,14 @@
 #include "Zun/Commons/Singleton.hpp"
 #include "Zun/Nm/NotificationManager.hpp"
 #include "Zun/Testing/LogCapture.hpp"
+#include "../../UpdaterModuleFixture.hpp"
 
 namespace
 {
 using testing::_;
 using testing::Return;
 using testing::Throw;
+using Zun::Testing::UpdaterModule::ExpectThrow;
 using Zun::AppDomain;
 using Zun::DateTime;
 using Zun::Singleton;
@@ -61,11 +64,21 @@ private:
     AppDomain* previous;
 };
 
-SoftwareComponentId Project(const char* name)
+SoftwareComponentId Id(SoftwareKind kind, const char* name)
 {
     SoftwareComponentId id;
-    SoftwareComponentId::TryCreate(SoftwareKind::TesmoraEngineerProject, String(name), id);
+    SoftwareComponentId::TryCreate(kind, name, id);
     return id;
+}
+
+std::string Registrations(const NotificationManager& manager)
+{
+    std::string text;
+    for (const auto& registration : manager.GetRegistrations())
+    {
+        text += fmt::format("{} from {} at {}; ", registration.name, registration.senderName, static_cast<int>(registration.severity));
+    }
+    return text;
 }
 
 class SecurityNotificationsTest : public testing::Test
@@ -75,120 +88,73 @@ protected:
     DomainScope scope{&manager};
 };
 
-TEST_F(SecurityNotificationsTest, RegistersSuccessThenFailureWithSenderAndSeverities)
+TEST_F(SecurityNotificationsTest, RegistersSuccessThenFailureAndDisposeUnregistersBothOnce)
 {
     SecurityNotifications notifications;
-
-    const auto registrations = manager.GetRegistrations();
-    ASSERT_EQ(registrations.size(), 2u);
-    EXPECT_EQ(registrations[0].name, SucceededName);
-    EXPECT_EQ(registrations[0].senderName, "Software Update");
-    EXPECT_EQ(registrations[0].severity, Severity::Info);
-    EXPECT_EQ(registrations[1].name, FailedName);
-    EXPECT_EQ(registrations[1].senderName, "Software Update");
-    EXPECT_EQ(registrations[1].severity, Severity::Error);
-}
-
-TEST_F(SecurityNotificationsTest, DisposeUnregistersBothOnceAndIsHarmlessTwice)
-{
-    SecurityNotifications notifications;
+    EXPECT_EQ(Registrations(manager), fmt::format("{} from Software Update at {}; {} from Software Update at {}; ", SucceededName,
+                                                  static_cast<int>(Severity::Info), FailedName, static_cast<int>(Severity::Error)));
 
     notifications.Dispose();
     notifications.Dispose();
 
-    EXPECT_TRUE(manager.GetRegistrations().empty());
-    EXPECT_EQ(notifications.GetSucceededRegistration().GetId(), 0u);
-    EXPECT_EQ(notifications.GetFailedRegistration().GetId(), 0u);
+    EXPECT_EQ(Registrations(manager), "");
+    EXPECT_EQ(notifications.GetSucceededRegistration().GetId() + notifications.GetFailedRegistration().GetId(), 0u);
 }
 
-TEST_F(SecurityNotificationsTest, SendsOneTimeStampedSuccessForEngineeringProjects)
+TEST_F(SecurityNotificationsTest, SendsTimeStampedNotificationsForEngineeringProjectsAndOnlyLogsOtherKinds)
 {
+    ExpectThrow<Zun::Exception>(
+        [] { SecurityNotifications::SendInstallationSucceededNotification(Id(SoftwareKind::TesmoraEngineerProject, "app"), "1.0"); },
+        "Singleton instance of type 'Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::Internal::Security::SecurityNotifications' "
+        "was not created yet!");
     Singleton<SecurityNotifications>::pInstance = new SecurityNotifications();
+    Zun::Testing::LogCapture capture;
     const DateTime before = DateTime::GetUtcNow();
 
-    SecurityNotifications::SendInstallationSucceededNotification(Project("app"), String("1.2.0"));
+    SecurityNotifications::SendInstallationSucceededNotification(Id(SoftwareKind::TesmoraEngineerProject, "app"), "1.2.0");
+    SecurityNotifications::SendInstallationFailedNotification(Id(SoftwareKind::TesmoraEngineerProject, "proj"), "2.0",
+                                                              "Expected version is 2.0 but current version is 1.0.");
+    SecurityNotifications::SendInstallationSucceededNotification(Id(SoftwareKind::GenericFiles, "app.tar"), "1.0");
+    SecurityNotifications::SendInstallationFailedNotification(Id(SoftwareKind::GenericFiles, "app.tar"), "1.0", "reason");
 
     const DateTime after = DateTime::GetUtcNow();
     const auto sent = manager.GetSentNotifications();
-    ASSERT_EQ(sent.size(), 1u);
+    ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].name, SucceededName);
     EXPECT_EQ(sent[0].payload, "Installation of 'app' (version: 1.2.0) successful.");
-    EXPECT_EQ(sent[0].timestamp.GetKind(), Zun::DateTimeKind::Utc);
-    EXPECT_LE(before.GetTicks(), sent[0].timestamp.GetTicks());
-    EXPECT_LE(sent[0].timestamp.GetTicks(), after.GetTicks());
-    delete static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance);
-}
-
-TEST_F(SecurityNotificationsTest, FailureTextKeepsTheReasonUntidied)
-{
-    Singleton<SecurityNotifications>::pInstance = new SecurityNotifications();
-
-    SecurityNotifications::SendInstallationFailedNotification(Project("proj"), String("2.0"),
-                                                              String("Expected version is 2.0 but current version is 1.0."));
-
-    const auto sent = manager.GetSentNotifications();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].name, FailedName);
-    EXPECT_EQ(sent[0].payload, "Failed to install 'proj' (version: 2.0). Reason: Expected version is 2.0 but current version is 1.0..");
-    delete static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance);
-}
-
-TEST_F(SecurityNotificationsTest, OtherKindsAreOnlyLogged)
-{
-    Singleton<SecurityNotifications>::pInstance = new SecurityNotifications();
-    Zun::Testing::LogCapture capture;
-    SoftwareComponentId files;
-    SoftwareComponentId::TryCreate(SoftwareKind::GenericFiles, String("app.tar"), files);
-
-    SecurityNotifications::SendInstallationSucceededNotification(files, String("1.0"));
-    SecurityNotifications::SendInstallationFailedNotification(files, String("1.0"), String("reason"));
-
-    EXPECT_TRUE(manager.GetSentNotifications().empty());
-    EXPECT_EQ(capture.Messages(5),
-              (std::vector<String>{"SecurityNotification is not implemented for Generic files",
-                                   "SecurityNotification is not implemented for Generic files"}));
-    delete static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance);
-}
-
-TEST_F(SecurityNotificationsTest, SendingWithoutTheInstanceThrows)
-{
-    try
+    EXPECT_EQ(sent[1].name, FailedName);
+    // The reason keeps its own full stop.
+    EXPECT_EQ(sent[1].payload, "Failed to install 'proj' (version: 2.0). Reason: Expected version is 2.0 but current version is 1.0..");
+    for (const auto& notification : sent)
     {
-        SecurityNotifications::SendInstallationSucceededNotification(Project("app"), String("1.0"));
-        FAIL() << "no exception";
+        EXPECT_EQ(notification.timestamp.GetKind(), Zun::DateTimeKind::Utc);
+        EXPECT_LE(before.GetTicks(), notification.timestamp.GetTicks());
+        EXPECT_LE(notification.timestamp.GetTicks(), after.GetTicks());
     }
-    catch (const Zun::Exception& e)
-    {
-        EXPECT_EQ(e.GetMessage(), "Singleton instance of type "
-                                  "'Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::Internal::Security::SecurityNotifications' "
-                                  "was not created yet!");
-    }
+    EXPECT_EQ(capture.Messages(5), (std::vector<String>{"SecurityNotification is not implemented for Generic files",
+                                                        "SecurityNotification is not implemented for Generic files"}));
+    delete static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance);
 }
 
-TEST(SecurityNotificationsSetupTest, FailedSecondRegistrationDisposesTheFirst)
+TEST(SecurityNotificationsSetupTest, FailedSecondRegistrationDisposesTheFirstAndDisposeGoesInReverse)
 {
     MockNotificationManager mock;
     DomainScope scope(&mock);
-    testing::InSequence order;
-    EXPECT_CALL(mock, RegisterNotificationName(String(SucceededName), _, Severity::Info, _)).WillOnce(Return(11));
-    EXPECT_CALL(mock, RegisterNotificationName(String(FailedName), _, Severity::Error, _))
-        .WillOnce(Throw(Zun::System::Commons::InvalidOperationException(String("refused"))));
-    EXPECT_CALL(mock, UnregisterNotificationName(11u));
-
+    {
+        testing::InSequence order;
+        EXPECT_CALL(mock, RegisterNotificationName(String(SucceededName), _, Severity::Info, _)).WillOnce(Return(11));
+        EXPECT_CALL(mock, RegisterNotificationName(String(FailedName), _, Severity::Error, _))
+            .WillOnce(Throw(Zun::System::Commons::InvalidOperationException("refused")));
+        EXPECT_CALL(mock, UnregisterNotificationName(11u));
+    }
     EXPECT_THROW(SecurityNotifications notifications, Zun::System::Commons::InvalidOperationException);
-}
 
-TEST(SecurityNotificationsSetupTest, DisposesFailureRegistrationBeforeSuccess)
-{
-    MockNotificationManager mock;
-    DomainScope scope(&mock);
     EXPECT_CALL(mock, RegisterNotificationName(String(SucceededName), _, _, _)).WillOnce(Return(1));
     EXPECT_CALL(mock, RegisterNotificationName(String(FailedName), _, _, _)).WillOnce(Return(2));
     SecurityNotifications notifications;
     testing::InSequence order;
     EXPECT_CALL(mock, UnregisterNotificationName(2u));
     EXPECT_CALL(mock, UnregisterNotificationName(1u));
-
     notifications.Dispose();
 }
 
@@ -196,27 +162,12 @@ TEST(SecurityNotificationsSetupTest, MissingNotificationManagerOrDomainIsReporte
 {
     {
         DomainScope scope(nullptr);
-        try
-        {
-            SecurityNotifications notifications;
-            FAIL() << "no exception";
-        }
-        catch (const Zun::Exception& e)
-        {
-            EXPECT_EQ(e.GetMessage(), "AppDomain Singleton instance of type 'Zun::System::Nm::INotificationManager' was not created yet!");
-        }
+        ExpectThrow<Zun::Exception>([] { SecurityNotifications notifications; },
+                                    "AppDomain Singleton instance of type 'Zun::System::Nm::INotificationManager' was not created yet!");
     }
     AppDomain* previous = Singleton<AppDomain>::pInstance;
     Singleton<AppDomain>::pInstance = nullptr;
-    try
-    {
-        SecurityNotifications notifications;
-        ADD_FAILURE() << "no exception";
-    }
-    catch (const Zun::Exception& e)
-    {
-        EXPECT_EQ(e.GetMessage(), "Singleton instance of type 'Zun::AppDomain' was not created yet!");
-    }
+    ExpectThrow<Zun::Exception>([] { SecurityNotifications notifications; }, "Singleton instance of type 'Zun::AppDomain' was not created yet!");
     Singleton<AppDomain>::pInstance = previous;
 }
 } // namespace
