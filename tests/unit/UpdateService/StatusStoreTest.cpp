@@ -27,24 +27,15 @@ using Property = std::pair<const String, String>;
 const String App = "Generic files / app.tar";
 const String Project = "Tesmora Engineer project / plant";
 
-class TemporaryFolder
+std::filesystem::path MakeFolder()
 {
-public:
-    TemporaryFolder()
+    std::string pattern = (std::filesystem::temp_directory_path() / "zun-store-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "zun-store-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr)
-        {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        path = pattern;
+        throw std::runtime_error("mkdtemp failed");
     }
-    ~TemporaryFolder() { std::filesystem::remove_all(path); }
-    String File(const char* name) const { return String((path / name).string()); }
-
-private:
-    std::filesystem::path path;
-};
+    return pattern;
+}
 
 SoftwareUpdateStatus StatusOf(StatusStore& store, const String& name)
 {
@@ -56,8 +47,14 @@ SoftwareUpdateStatus StatusOf(StatusStore& store, const String& name)
 class StatusStoreTest : public ::testing::Test
 {
 protected:
-    TemporaryFolder folder;
-    String path = folder.File("store.db");
+    ~StatusStoreTest() override
+    {
+        store.reset();
+        std::filesystem::remove_all(folder);
+    }
+    String File(const char* name) const { return String((folder / name).string()); }
+    const std::filesystem::path folder = MakeFolder();
+    const String path = File("store.db");
     std::unique_ptr<StatusStore> store = std::make_unique<StatusStore>(path);
 };
 
@@ -335,12 +332,11 @@ TEST_F(StatusStoreTest, StoresOnOneFileSeeEachOtherAndExactlyOneOfConcurrentSwit
     EXPECT_EQ(wins.load(), 1);
 }
 
-TEST(StatusStoreOpenTest, RefusesAFileThatIsNotAStoreAndAMissingFolder)
+TEST_F(StatusStoreTest, RefusesAFileThatIsNotAStoreAndAMissingFolder)
 {
-    TemporaryFolder folder;
-    const String notes = folder.File("notes.txt");
+    const String notes = File("notes.txt");
     std::ofstream(std::string(notes)) << "these are not the records you are looking for, not at all, not one of them\n";
-    const String missing = folder.File("missing/store.db");
+    const String missing = File("missing/store.db");
     using System::Commons::InvalidOperationException;
     EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(notes); }),
               fmt::format("Status store '{}': PRAGMA journal_mode=WAL failed: file is not a database", notes));
