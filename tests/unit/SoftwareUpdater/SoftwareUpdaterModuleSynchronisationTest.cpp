@@ -11,6 +11,18 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Names = std::unordered_set<String>;
 
+// A call on the store that answers false. "Applied": the store changed all the same; "Unreadable": and
+// the read after it fails.
+enum class Refuse
+{
+    None,
+    Switch,
+    SwitchApplied,
+    SwitchAppliedUnreadable,
+    Reset,
+    ResetApplied
+};
+
 // One row of the transition table, run for every manager state listed. The journal leaves out the
 // first read and the registration that every row starts with.
 struct Row
@@ -25,9 +37,11 @@ struct Row
     HostState expected;
     const char* text;
     const char* log;
+    Refuse refuse = Refuse::None;
 };
 
 const char* const Says = "manager says";
+const char* const IdleToError = "7 Sync status: Switch % from Idle to Installing before Error";
 const char* const AfterInstallation = "7 Sync status: Switch % from Installing to Error after installation.; 3 ";
 
 const std::vector<Row> Rows = {
@@ -84,6 +98,29 @@ const std::vector<Row> Rows = {
     {"UnknownHostStateIsHandledAsInstalling", static_cast<HostState>(3), {2, 4}, "old", nullptr, "2.0",
      "SetUpdateStatus(%, manager says, false); FinishInstallation(%, false); GetStatus(%)", static_cast<HostState>(3), Says,
      "7 Sync status: Switch % from Installing to Error."},
+    // A refused switch goes on only when the store already is where the switch would have led.
+    {"IdleFailedSwitchRefusedButAlreadyInstallingGoesToError", HostState::Idle, {4}, "", nullptr, "1.0",
+     "SwitchToInstalling(%, false); GetStatus(%); SetUpdateStatus(%, manager says, false); FinishInstallation(%, false); GetStatus(%)",
+     HostState::Error, Says, "7 Sync status: Switch % from Idle to Installing before Error; 7 Sync status: Switch % to Error",
+     Refuse::SwitchApplied},
+    {"IdleFailedSwitchRefusedAndStillIdleStaysIdle", HostState::Idle, {2}, "", nullptr, "1.0", "GetStatus(%); GetStatus(%)", HostState::Idle,
+     "", IdleToError, Refuse::Switch},
+    // The store says Installing, but the module could not see it; the final re-read can.
+    {"IdleFailedSwitchRefusedAndUnreadableGoesNoFurther", HostState::Idle, {6}, "", nullptr, "1.0",
+     "SwitchToInstalling(%, false); GetStatus(%); GetStatus(%)", HostState::Installing, "", IdleToError, Refuse::SwitchAppliedUnreadable},
+    {"IdleInProgressSwitchRefusedStaysIdle", HostState::Idle, {3}, "", nullptr, "1.0", "GetStatus(%)", HostState::Idle, "",
+     "7 Sync status: Switch % from Idle to Installing", Refuse::Switch},
+    {"ErrorInProgressResetRefusedButAlreadyIdleGoesToInstalling", HostState::Error, {1}, "old", nullptr, "1.0",
+     "GetProperty(%, InstallationStartedByModule); ResetError(%); GetStatus(%); SwitchToInstalling(%, false); "
+     "SetUpdateStatus(%, manager says, false); GetStatus(%)",
+     HostState::Installing, Says, "7 Sync status: Switch % from Error to Idle before Installing.; 7 Sync status: Switch % to Installing.",
+     Refuse::ResetApplied},
+    {"ErrorInProgressResetRefusedAndStillErrorStaysError", HostState::Error, {5}, "old", nullptr, "1.0",
+     "GetProperty(%, InstallationStartedByModule); GetStatus(%); GetStatus(%)", HostState::Error, "old",
+     "7 Sync status: Switch % from Error to Idle before Installing.", Refuse::Reset},
+    {"ErrorInProgressSwitchRefusedEndsIdle", HostState::Error, {3}, "old", nullptr, "1.0",
+     "GetProperty(%, InstallationStartedByModule); ResetError(%); GetStatus(%)", HostState::Idle, "old",
+     "7 Sync status: Switch % from Error to Idle before Installing.; 7 Sync status: Switch % to Installing.", Refuse::Switch},
 };
 
 struct Case
@@ -121,6 +158,27 @@ TEST_P(TransitionTest, DrivesTheStoreLogsAndWorkList)
         env.statusFake->SeedProperty(App, TargetKey, row.own);
     }
     env.managerFake->SetState(Kind::GenericFiles, "app", static_cast<ManagerState>(GetParam().managerState), Says);
+    const bool applied = row.refuse != Refuse::Switch && row.refuse != Refuse::Reset;
+    auto refused = [this, applied, unreadable = row.refuse == Refuse::SwitchAppliedUnreadable](auto apply) {
+        if (applied)
+        {
+            apply();
+            env.statusFake->FailNextGetStatus(unreadable ? 1 : 0);
+        }
+        return false;
+    };
+    if (row.refuse == Refuse::Reset || row.refuse == Refuse::ResetApplied)
+    {
+        EXPECT_CALL(*env.status, ResetError(App)).WillOnce([this, refused](const String& name) {
+            return refused([&] { env.statusFake->ResetError(name); });
+        });
+    }
+    else if (row.refuse != Refuse::None)
+    {
+        EXPECT_CALL(*env.status, SwitchToInstalling(App, false)).WillOnce([this, refused](const String& name, bool flag) {
+            return refused([&] { env.statusFake->SwitchToInstalling(name, flag); });
+        });
+    }
 
     Record record;
     EXPECT_EQ(module->GetStatus(App, record), Codes::Good);
@@ -137,91 +195,6 @@ TEST_P(TransitionTest, DrivesTheStoreLogsAndWorkList)
 INSTANTIATE_TEST_SUITE_P(TransitionTable, TransitionTest, ::testing::ValuesIn(Cases()), [](const auto& info) {
     return fmt::format("{}_Manager{}", info.param.row->title, info.param.managerState);
 });
-
-// A refused switch goes on only when the store already is where the switch would have led.
-struct Refusal
-{
-    const char* title;
-    HostState host;
-    ManagerState manager;
-    bool onReset;    // ResetError refused, else SwitchToInstalling
-    bool applied;    // the store changed all the same
-    bool unreadable; // the read after the refusal fails
-    const char* journal;
-    HostState expected;
-    const char* text;
-    const char* log;
-};
-
-const char* const IdleToError = "7 Sync status: Switch % from Idle to Installing before Error";
-const char* const ErrorToInstalling = "7 Sync status: Switch % from Error to Idle before Installing.";
-
-class RefusedSwitchTest : public UpdaterModuleTest, public ::testing::WithParamInterface<Refusal>
-{
-};
-
-TEST_P(RefusedSwitchTest, FollowsTheStore)
-{
-    const Refusal& c = GetParam();
-    env.managerFake->AddComponent(Kind::GenericFiles, "app");
-    Start();
-    env.statusFake->Seed(App, c.host, c.host == HostState::Error ? "old" : "");
-    env.managerFake->SetState(Kind::GenericFiles, "app", c.manager, Says);
-    auto refuse = [this, c](auto apply) {
-        if (c.applied)
-        {
-            apply();
-            env.statusFake->FailNextGetStatus(c.unreadable ? 1 : 0);
-        }
-        return false;
-    };
-    if (c.onReset)
-    {
-        EXPECT_CALL(*env.status, ResetError(App)).WillOnce([this, refuse](const String& name) {
-            return refuse([&] { env.statusFake->ResetError(name); });
-        });
-    }
-    else
-    {
-        EXPECT_CALL(*env.status, SwitchToInstalling(App, false)).WillOnce([this, refuse](const String& name, bool flag) {
-            return refuse([&] { env.statusFake->SwitchToInstalling(name, flag); });
-        });
-    }
-
-    Record record;
-    EXPECT_EQ(module->GetStatus(App, record), Codes::Good);
-    EXPECT_EQ(record.InstallationState, c.expected);
-    EXPECT_EQ(record.ErrorMessage.ToString(), c.text);
-    EXPECT_EQ(Journal(), std::string("GetStatus(%); AddComponent(%); ") + c.journal);
-    EXPECT_EQ(Log(), c.log);
-    EXPECT_EQ(module->GetSyncList(), c.expected == HostState::Idle ? Names{} : Names{App});
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RefusedSwitchTest,
-    ::testing::Values(
-        Refusal{"IdleFailedButAlreadyInstallingGoesToError", HostState::Idle, ManagerState::CopyingFailed, false, true, false,
-                "SwitchToInstalling(%, false); GetStatus(%); SetUpdateStatus(%, manager says, false); FinishInstallation(%, false); GetStatus(%)",
-                HostState::Error, Says, "7 Sync status: Switch % from Idle to Installing before Error; 7 Sync status: Switch % to Error"},
-        Refusal{"IdleFailedAndStillIdleStaysIdle", HostState::Idle, ManagerState::PreparingFailed, false, false, false,
-                "GetStatus(%); GetStatus(%)", HostState::Idle, "", IdleToError},
-        // The store says Installing, but the module could not see it; the final re-read can.
-        Refusal{"IdleFailedAndUnreadableGoesNoFurther", HostState::Idle, ManagerState::ActivatingFailed, false, true, true,
-                "SwitchToInstalling(%, false); GetStatus(%); GetStatus(%)", HostState::Installing, "", IdleToError},
-        Refusal{"IdleInProgressStaysIdleWithoutText", HostState::Idle, ManagerState::Copying, false, false, false, "GetStatus(%)",
-                HostState::Idle, "", "7 Sync status: Switch % from Idle to Installing"},
-        Refusal{"ErrorResetButAlreadyIdleGoesToInstalling", HostState::Error, ManagerState::Preparing, true, true, false,
-                "GetProperty(%, InstallationStartedByModule); ResetError(%); GetStatus(%); SwitchToInstalling(%, false); "
-                "SetUpdateStatus(%, manager says, false); GetStatus(%)",
-                HostState::Installing, Says,
-                "7 Sync status: Switch % from Error to Idle before Installing.; 7 Sync status: Switch % to Installing."},
-        Refusal{"ErrorResetAndStillErrorStaysError", HostState::Error, ManagerState::Activating, true, false, false,
-                "GetProperty(%, InstallationStartedByModule); GetStatus(%); GetStatus(%)", HostState::Error, "old",
-                ErrorToInstalling},
-        Refusal{"ErrorOnlySwitchRefusedEndsIdle", HostState::Error, ManagerState::Copying, false, false, false,
-                "GetProperty(%, InstallationStartedByModule); ResetError(%); GetStatus(%)", HostState::Idle, "old",
-                "7 Sync status: Switch % from Error to Idle before Installing.; 7 Sync status: Switch % to Installing."}),
-    [](const auto& info) { return std::string(info.param.title); });
 
 // Failures: a status code, and nothing changed that the code does not explain; "other" stays listed.
 class SyncFailureTest : public UpdaterModuleTest
@@ -289,40 +262,34 @@ TEST_F(SyncFailureTest, ManagerFailureIsPassedOnAndTheRegistrationFollowsIt)
 
 TEST_F(SyncFailureTest, SoftwareInformationFailingWhileOwnInstallationEndsChangesNothing)
 {
-    env.statusFake->SeedProperty(Other, StartedKey, "true");
-    env.statusFake->SeedProperty(Other, TargetKey, "2.0");
-    env.managerFake->SetState(Kind::GenericFiles, "other", ManagerState::Idle);
+    env.statusFake->Seed(App, HostState::Installing, "old");
+    env.statusFake->SeedProperty(App, StartedKey, "true");
+    env.statusFake->SeedProperty(App, TargetKey, "2.0");
     env.managerFake->FailOperation("GetSoftwareInformation", Codes::BadNoCommunication);
 
     Record record;
-    EXPECT_EQ(module->GetStatus(Other, record), Codes::BadNoCommunication);
-    EXPECT_EQ(Journal(), "GetStatus(Generic files / other); AddComponent(Generic files / other); "
-                         "GetProperty(Generic files / other, InstallationStartedByModule); "
-                         "GetProperty(Generic files / other, TargetSoftwareRevision)");
-    EXPECT_EQ(env.statusFake->StateOf(Other), HostState::Installing);
-    EXPECT_EQ(module->GetSyncList(), before);
+    EXPECT_EQ(module->GetStatus(App, record), Codes::BadNoCommunication);
+    EXPECT_EQ(Journal(), "GetStatus(%); AddComponent(%); GetProperty(%, InstallationStartedByModule); GetProperty(%, TargetSoftwareRevision)");
+    EXPECT_EQ(Snapshot(), "Installing [old] InstallationStartedByModule=true TargetSoftwareRevision=2.0 list: Generic files / other");
     EXPECT_EQ(Log(), "");
 
     // Tried again once the manager answers.
     env.managerFake->FailOperation("GetSoftwareInformation", Codes::Good);
-    env.managerFake->SetCurrent(Kind::GenericFiles, "other", Manifest("2.0"));
-    EXPECT_EQ(Sync(Other), HostState::Idle);
-    EXPECT_THAT(module->GetSyncList(), IsEmpty());
+    EXPECT_EQ(Sync(), HostState::Idle);
 }
 
 TEST_F(SyncFailureTest, TargetReportedMissingCountsAsEmptyWhateverWasWritten)
 {
-    env.statusFake->SeedProperty(Other, StartedKey, "true");
-    env.managerFake->SetCurrent(Kind::GenericFiles, "other", Manifest("2.0"));
-    env.managerFake->SetState(Kind::GenericFiles, "other", ManagerState::Idle);
+    env.statusFake->Seed(App, HostState::Installing);
+    env.statusFake->SeedProperty(App, StartedKey, "true");
     EXPECT_CALL(*env.status, GetProperty(_, _, _)).Times(::testing::AnyNumber());
-    EXPECT_CALL(*env.status, GetProperty(Other, TargetKey, _)).WillOnce([](const String&, const String&, String& value) {
+    EXPECT_CALL(*env.status, GetProperty(App, TargetKey, _)).WillOnce([](const String&, const String&, String& value) {
         value = "2.0";
         return false;
     });
 
-    EXPECT_EQ(Sync(Other), HostState::Error);
-    EXPECT_EQ(env.statusFake->ErrorMessageOf(Other), "Expected version is  but current version is 2.0.");
+    EXPECT_EQ(Sync(), HostState::Error);
+    EXPECT_EQ(State(), "Error [Expected version is  but current version is 2.0.]");
 }
 
 TEST_F(SyncFailureTest, FailingReReadIsAnUnexpectedErrorAndLeavesTheWorkList)
@@ -398,27 +365,10 @@ TEST_F(FirstPassTest, AnnouncesOwnInstallationsThatEndedWhileNobodyWatched)
     EXPECT_THAT(logs.Messages(5), ElementsAre("SecurityNotification is not implemented for Generic files",
                                               "SecurityNotification is not implemented for Generic files"));
     EXPECT_TRUE(module->IsStateInitialized());
-    EXPECT_EQ(env.statusFake->StateOf(ok), HostState::Idle);
     EXPECT_EQ(env.statusFake->PropertyOf(ok, StartedKey), std::nullopt);
-    EXPECT_EQ(env.statusFake->StateOf(App), HostState::Idle);
-    EXPECT_EQ(env.statusFake->StateOf(bad), HostState::Error);
-    EXPECT_EQ(env.statusFake->StateOf(lib), HostState::Error);
-    for (const String& name : failed)
-    {
-        EXPECT_EQ(env.statusFake->StateOf(name), HostState::Error) << name;
-        EXPECT_EQ(env.statusFake->ErrorMessageOf(name), "manager text") << name;
-    }
-}
-
-TEST_F(FirstPassTest, LaterPassesAnnounceNothing)
-{
-    Start();
-    const String ok = SeedOwn(Kind::TesmoraEngineerProject, "ok", "2.0");
-    const String bad = SeedOwn(Kind::TesmoraEngineerProject, "bad", "1.0");
-
-    EXPECT_EQ(Sync(ok), HostState::Idle);
-    EXPECT_EQ(Sync(bad), HostState::Error);
-    EXPECT_EQ(Sent(), "");
+    EXPECT_EQ(Joined({State(ok), State(App), State(bad), State(lib), State(failed[0]), State(failed[1]), State(failed[2])}),
+              "Idle [manager text]; Idle [manager text]; Error [Expected version is 2.0 but current version is 1.0.]; "
+              "Error [Expected version is 2.0 but current version is 1.0.]; Error [manager text]; Error [manager text]; Error [manager text]");
 }
 
 TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrderWhateverEachResult)
@@ -439,8 +389,7 @@ TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrderWhateverEachResu
 
     EXPECT_EQ(ManagerJournal(), "GetAllSoftwareInformation(); GetInstallationState(1, a); GetInstallationState(1, b)");
     EXPECT_TRUE(module->IsStateInitialized());
-    EXPECT_EQ(env.statusFake->StateOf("Generic files / a"), HostState::Installing);
-    EXPECT_EQ(env.statusFake->StateOf("Generic files / b"), HostState::Idle);
+    EXPECT_EQ(State("Generic files / a") + State("Generic files / b"), "Installing []Idle []");
     EXPECT_THAT(module->GetSyncList(), IsEmpty());
 }
 

@@ -40,7 +40,6 @@ using Services::SoftwareUpdate::StatusCode;
 inline const String App = "Generic files / app";
 inline const String TargetKey = "TargetSoftwareRevision";
 inline const String StartedKey = "InstallationStartedByModule";
-inline const String ModuleLogger = "Zun::Services::Modules::SoftwareUpdate::SoftwareUpdater::SoftwareUpdaterModule";
 
 inline Sm::Manifest Manifest(const char* version, const char* uri = "urn:zun:test", std::uint32_t behavior = 0)
 {
@@ -172,26 +171,28 @@ public:
         return Joined(lines);
     }
 
-    // The module's own log lines as "level message".
+    // Log lines of every logger as "level message".
     std::string Log() const
     {
         std::vector<String> lines;
         for (const CapturedLine& line : logs.Lines())
         {
-            if (line.logger == ModuleLogger)
-            {
-                lines.push_back(fmt::format("{} {}", line.level, line.message));
-            }
+            lines.push_back(fmt::format("{} {}", line.level, line.message));
         }
         return Joined(lines);
+    }
+
+    // A stored record as "Idle [text]", "-" when there is none.
+    std::string State(const String& name = App) const
+    {
+        const auto state = env.statusFake->StateOf(name);
+        return (state ? fmt::format("{}", fmt::streamed(*state)) : "-") + " [" + env.statusFake->ErrorMessageOf(name) + "]";
     }
 
     // Everything that a refusal must leave alone: App's record and properties, and the work list.
     std::string Snapshot() const
     {
-        const auto state = env.statusFake->StateOf(App);
-        std::string text = state ? fmt::format("{}", fmt::streamed(*state)) : "-";
-        text += " [" + env.statusFake->ErrorMessageOf(App) + "]";
+        std::string text = State();
         for (const auto& [key, value] : env.statusFake->PropertiesOf(App))
         {
             text += " " + key + "=" + value;
