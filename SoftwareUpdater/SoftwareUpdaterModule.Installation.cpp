@@ -50,12 +50,8 @@ StatusCode SoftwareUpdaterModule::InstallSoftwarePackage(const String& name, con
                                                          long long installationDelay) noexcept
 {
     SoftwareComponentId id;
-    if (!SoftwareComponentId::TryCreate(name, id))
-    {
-        return StatusCodes::BadInvalidArgument;
-    }
     SoftwareInformation information;
-    StatusCode result = softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+    StatusCode result = ParseAndReadInformation(name, id, information);
     if (result != StatusCodes::Good)
     {
         return result;
@@ -116,7 +112,7 @@ StatusCode SoftwareUpdaterModule::InstallSoftwarePackage(const SoftwareComponent
 StatusCode SoftwareUpdaterModule::InstallSoftwarePackage(const SoftwareComponentId& id)
 {
     SoftwareInformation information;
-    const StatusCode result = softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+    const StatusCode result = ReadInformation(id, information);
     if (result != StatusCodes::Good)
     {
         return result;

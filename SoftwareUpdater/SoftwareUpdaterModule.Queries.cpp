@@ -14,12 +14,8 @@ StatusCode SoftwareUpdaterModule::GetSoftwareVersion(const String& name, Softwar
 {
     version.Reset();
     SoftwareComponentId id;
-    if (!SoftwareComponentId::TryCreate(name, id))
-    {
-        return StatusCodes::BadInvalidArgument;
-    }
     SoftwareInformation information;
-    const StatusCode result = softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+    const StatusCode result = ParseAndReadInformation(name, id, information);
     if (result != StatusCodes::Good)
     {
         return result;
@@ -52,12 +48,8 @@ StatusCode SoftwareUpdaterModule::GetUpdateBehavior(const String& name, const St
 {
     behavior = UpdateBehavior::None;
     SoftwareComponentId id;
-    if (!SoftwareComponentId::TryCreate(name, id))
-    {
-        return StatusCodes::BadInvalidArgument;
-    }
     SoftwareInformation information;
-    const StatusCode result = softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+    const StatusCode result = ParseAndReadInformation(name, id, information);
     if (result != StatusCodes::Good)
     {
         return result;
@@ -76,6 +68,20 @@ StatusCode SoftwareUpdaterModule::GetUpdateBehavior(const String& name, const St
     }
     behavior = static_cast<UpdateBehavior>(pending.UpdateBehavior);
     return StatusCodes::Good;
+}
+
+StatusCode SoftwareUpdaterModule::ReadInformation(const SoftwareComponentId& id, SoftwareInformation& information) const
+{
+    return softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+}
+
+StatusCode SoftwareUpdaterModule::ParseAndReadInformation(const String& name, SoftwareComponentId& id, SoftwareInformation& information) const
+{
+    if (!SoftwareComponentId::TryCreate(name, id))
+    {
+        return StatusCodes::BadInvalidArgument;
+    }
+    return ReadInformation(id, information);
 }
 
 StatusCode SoftwareUpdaterModule::IsPendingVersionAvailable(const SoftwareInformation& information, const SoftwareVersionType& version) const

@@ -201,7 +201,7 @@ StatusCode SoftwareUpdaterModule::SyncFromInstallingState(const SoftwareComponen
             targetRevision.clear();
         }
         SoftwareInformation information;
-        const StatusCode result = softwareManagerService->GetSoftwareInformation(id.kind, RscName(id.name), information);
+        const StatusCode result = ReadInformation(id, information);
         if (result != StatusCodes::Good)
         {
             return result;

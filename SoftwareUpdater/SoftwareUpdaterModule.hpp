@@ -100,6 +100,10 @@ public:
 private:
     // Re-reads the record: Good, or Bad_UnexpectedError when the store has none.
     StatusCode ReRead(const String& name, SoftwareUpdateStatus& status) const;
+    // The manager's record of the component.
+    StatusCode ReadInformation(const SoftwareComponentId& id, SoftwareInformation& information) const;
+    // Parses `name` (Bad_InvalidArgument) and then reads the manager's record of the component.
+    StatusCode ParseAndReadInformation(const String& name, SoftwareComponentId& id, SoftwareInformation& information) const;
     StatusCode ReportRevisionMismatch(const SoftwareInformation& information, const String& targetRevision) const;
 
     std::shared_ptr<IUpdaterStatus> updaterStatus;
