@@ -15,7 +15,7 @@ for arg in "$@"; do
 done
 
 native=(
-  cmake ninja-build g++ make pkg-config file binutils
+  cmake ninja-build g++ make pkg-config file binutils python3
   clang-14 clang-tidy-14 libclang-rt-14-dev llvm-14
   libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libsqlite3-dev sqlite3 libarchive-dev libssl-dev libcli11-dev
