@@ -137,59 +137,36 @@ TEST(TransportFailureTest, AnAbsentServiceGivesNoCommunicationAndLeavesTheResult
     ExpectGetAllThrows(*proxy, "GetAllSoftwareInformation failed with status 0x80310000: " + unreachable);
 }
 
-// A stand-in service that reads one request and answers it with `reply` (nothing when empty).
-struct PeerCase
+// A stand-in service answers one request with bytes that do not answer it.
+TEST(TransportFailureTest, AnAnswerThatIsNotRightIsADecodingError)
 {
-    const char* name;
-    std::vector<std::uint8_t> (*reply)(const FrameHeader& request);
-    std::uint32_t status;
-};
-
-TEST(TransportFailureTest, AnAnswerThatIsLateOrNotRightIsABadCode)
-{
-    const PeerCase cases[] = {
-        {"silent", [](const FrameHeader&) { return std::vector<std::uint8_t>{}; }, StatusCodes::BadTimeout},
-        {"bad magic", [](const FrameHeader&) { return std::vector<std::uint8_t>(FrameHeaderSize, 0xEE); }, StatusCodes::BadDecodingError},
-        {"other request",
-         [](const FrameHeader& request) { return EncodeFrame(FrameType::Response, request.operation, request.requestId + 2, {0, 0, 0, 0}); },
-         StatusCodes::BadDecodingError},
-        {"payload cut short", [](const FrameHeader& request) { return EncodeFrame(FrameType::Response, request.operation, request.requestId, {0, 0}); },
-         StatusCodes::BadDecodingError},
+    using Reply = std::vector<std::uint8_t> (*)(const FrameHeader&);
+    const std::pair<const char*, Reply> replies[] = {
+        {"bad magic", [](const FrameHeader&) { return std::vector<std::uint8_t>(FrameHeaderSize, 0xEE); }},
+        {"other request", [](const FrameHeader& r) { return EncodeFrame(FrameType::Response, r.operation, r.requestId + 2, {0, 0, 0, 0}); }},
+        {"payload of another shape", [](const FrameHeader& r) { return EncodeFrame(FrameType::Response, r.operation, r.requestId, {0, 0}); }},
     };
     TemporaryFolder temp;
-    const fs::path path = temp / "peer.sock";
+    sockaddr_un address{AF_UNIX, {}};
+    std::strcpy(address.sun_path, (temp / "peer.sock").c_str());
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
     ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
     ASSERT_EQ(0, ::listen(listener, 4));
-    for (const PeerCase& c : cases)
+    for (const auto& [name, reply] : replies)
     {
-        SCOPED_TRACE(c.name);
-        std::thread peer([&] {
+        SCOPED_TRACE(name);
+        std::thread peer([&, reply = reply] {
             SocketChannel channel(::accept(listener, nullptr, nullptr));
             Frame request;
             const Deadline deadline = Clock::now() + std::chrono::seconds(5);
             if (channel.ReceiveFrame(request, deadline, deadline) == IoResult::Ok)
             {
-                const auto reply = c.reply(request.header);
-                if (reply.empty())
-                {
-                    std::uint8_t byte = 0;
-                    channel.ReceiveExact(&byte, 1, deadline); // until the proxy gives up and closes
-                }
-                else
-                {
-                    channel.SendFrame(reply, deadline);
-                }
+                channel.SendFrame(reply(request.header), deadline);
             }
         });
-        auto proxy = MakeProxy(path, 200);
         InstallationState state = InstallationState::Idle;
         Text message;
-        EXPECT_EQ(c.status, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
-        proxy.reset();
+        EXPECT_EQ(StatusCodes::BadDecodingError, MakeProxy(address.sun_path)->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
         peer.join();
     }
     ::close(listener);

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -22,29 +21,19 @@
 
 namespace
 {
-using Zun::AppDomain;
-using Zun::Singleton;
-using Zun::String;
-using Zun::Services::SoftwareUpdate::IUpdaterModule;
 namespace Codes = Zun::Services::SoftwareUpdate::StatusCodes;
 using HostState = Zun::Services::SoftwareUpdate::Services::Internal::InstallationState;
 using ManagerState = Zun::Services::SoftwareManager::Services::Internal::InstallationState;
-using Kind = Zun::Services::SoftwareManager::Services::Internal::SoftwareKind;
 using Record = Zun::Services::SoftwareUpdate::Services::Internal::SoftwareUpdateStatus;
-using EntryFunction = decltype(&CreateSoftwareUpdateModuleLibrary);
+constexpr auto Files = Zun::Services::SoftwareManager::Services::Internal::SoftwareKind::GenericFiles;
 
 constexpr std::size_t ComponentCount = 40;
 constexpr std::size_t HostThreads = 4;
 constexpr std::size_t Rounds = 12;
 
-String BareName(std::size_t index)
+std::string BareName(std::size_t index)
 {
     return fmt::format("c{:02}", index);
-}
-
-String ComponentName(std::size_t index)
-{
-    return "Generic files / " + BareName(index);
 }
 
 TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
@@ -55,23 +44,22 @@ TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
     Zun::Testing::ManualSleep sleep;
     Zun::Testing::LogCapture logs{7};
     Zun::Testing::ModuleEnvironment env;
-
     void* handle = dlopen(ZUN_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(handle, nullptr) << dlerror();
-    auto entry = reinterpret_cast<EntryFunction>(dlsym(handle, "CreateSoftwareUpdateModuleLibrary"));
+    auto entry = reinterpret_cast<decltype(&CreateSoftwareUpdateModuleLibrary)>(dlsym(handle, "CreateSoftwareUpdateModuleLibrary"));
     ASSERT_NE(entry, nullptr) << dlerror();
 
     for (std::size_t i = 0; i < ComponentCount; ++i)
     {
-        env.managerFake->AddComponent(Kind::GenericFiles, BareName(i).c_str());
+        env.managerFake->AddComponent(Files, BareName(i).c_str());
+        // A quarter is being installed at start-up, so the status thread runs from the first pass on.
+        if (i % 4 == 0)
+        {
+            env.managerFake->SetState(Files, BareName(i).c_str(), ManagerState::Copying, "copying");
+        }
     }
-    // A quarter is being installed at start-up, so the status thread runs from the first pass on.
-    for (std::size_t i = 0; i < ComponentCount; i += 4)
-    {
-        env.managerFake->SetState(Kind::GenericFiles, BareName(i).c_str(), ManagerState::Copying, "copying");
-    }
-    std::unique_ptr<IUpdaterModule> module = entry(*Singleton<AppDomain>::pInstance)->GetFactory().CreateModule(String("SoftwareUpdater"));
-    module->Initialize(String("SoftwareUpdater"), env.status);
+    auto module = entry(*Zun::Singleton<Zun::AppDomain>::pInstance)->GetFactory().CreateModule(Zun::String("SoftwareUpdater"));
+    module->Initialize(Zun::String("SoftwareUpdater"), env.status);
 
     // Every class of manager state, so that components move between all three host states; every
     // third round the manager goes idle throughout, so that the work list can empty and the
@@ -93,7 +81,7 @@ TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
             for (std::size_t i = 0; i < ComponentCount; ++i)
             {
                 const ManagerState state = round % 3 == 2 ? ManagerState::Idle : cycle[(round + i) % cycle.size()];
-                env.managerFake->SetState(Kind::GenericFiles, BareName(i).c_str(), state, round % 2 == 0 ? "even" : "odd");
+                env.managerFake->SetState(Files, BareName(i).c_str(), state, round % 2 == 0 ? "even" : "odd");
                 sleep.Release(1);
                 std::this_thread::yield();
             }
@@ -108,20 +96,13 @@ TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
                 for (std::size_t k = 0; k < ComponentCount; ++k)
                 {
                     // 7 is prime to the count: each host visits every component once per round, in its own order.
-                    const std::size_t index = (k * 7 + t * 10 + round) % ComponentCount;
                     Record record;
-                    const auto result = module->GetStatus(ComponentName(index), record);
+                    const auto result = module->GetStatus("Generic files / " + BareName((k * 7 + t * 10 + round) % ComponentCount), record);
                     const auto state = static_cast<int>(record.InstallationState);
-                    if (result != Codes::Good || state < 0 || state > 2)
-                    {
-                        ++unexpected;
-                    }
+                    unexpected += result != Codes::Good || state < 0 || state > 2;
                 }
                 Record record;
-                if (module->GetStatus(String("Generic files/") + BareName(t), record) != Codes::BadInvalidArgument)
-                {
-                    ++unexpected;
-                }
+                unexpected += module->GetStatus("Generic files/" + BareName(t), record) != Codes::BadInvalidArgument;
             }
         });
     }
@@ -135,13 +116,13 @@ TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
     // The manager settles; one host pass brings every component back to Idle and empties the list.
     for (std::size_t i = 0; i < ComponentCount; ++i)
     {
-        env.managerFake->SetState(Kind::GenericFiles, BareName(i).c_str(), ManagerState::Idle);
+        env.managerFake->SetState(Files, BareName(i).c_str(), ManagerState::Idle);
     }
     for (std::size_t i = 0; i < ComponentCount; ++i)
     {
         Record record;
-        EXPECT_EQ(module->GetStatus(ComponentName(i), record), Codes::Good);
-        EXPECT_EQ(record.InstallationState, HostState::Idle) << ComponentName(i);
+        EXPECT_EQ(module->GetStatus("Generic files / " + BareName(i), record), Codes::Good);
+        EXPECT_EQ(record.InstallationState, HostState::Idle) << BareName(i);
     }
     sleep.SetAutomatic(true);
     module.reset();
@@ -152,8 +133,8 @@ TEST(StatusThreadStressTest, ConcurrentQueriesAndManagerChangesEndConsistent)
     EXPECT_EQ(env.statusFake->GetComponentNames().size(), ComponentCount);
     for (std::size_t i = 0; i < ComponentCount; ++i)
     {
-        EXPECT_EQ(env.statusFake->StateOf(ComponentName(i)), HostState::Idle) << ComponentName(i);
-        EXPECT_EQ(env.statusFake->ErrorMessageOf(ComponentName(i)), "") << ComponentName(i);
+        EXPECT_EQ(env.statusFake->StateOf("Generic files / " + BareName(i)), HostState::Idle) << BareName(i);
+        EXPECT_EQ(env.statusFake->ErrorMessageOf("Generic files / " + BareName(i)), "") << BareName(i);
     }
     EXPECT_EQ(env.managerFake->Journal().size(), calls);
 }

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,7 +18,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -28,8 +26,6 @@
 #include "ServiceContracts/ISoftwareManagerService.hpp"
 #include "Zun/SoftwareManager/SocketChannel.hpp"
 #include "Zun/SoftwareManager/SoftwareManagerServiceProxyFactory.hpp"
-
-extern char** environ;
 
 namespace Zun::Testing::Integration
 {
@@ -101,95 +97,47 @@ private:
     fs::path path;
 };
 
-// A built program run as a child. Standard error, and standard output unless captured, append to
-// `log`; HOME and XDG_STATE_HOME point at the log's folder so that default paths stay in the test.
+// A built program run as a child (as `user` when not -1), its output and errors appended to files.
 class Child
 {
 public:
-    Child(std::vector<std::string> arguments, const fs::path& log, bool captureOutput = false, int user = -1)
+    Child(std::vector<std::string> arguments, const fs::path& output, const fs::path& errors, int user = -1)
     {
-        std::vector<std::string> environment;
-        for (char** entry = environ; *entry != nullptr; ++entry)
-        {
-            const std::string text = *entry;
-            if (text.rfind("HOME=", 0) != 0 && text.rfind("XDG_STATE_HOME=", 0) != 0 && text.rfind("ZUN_SOFTWARE_MANAGER_SOCKET=", 0) != 0)
-            {
-                environment.push_back(text);
-            }
-        }
-        environment.push_back("HOME=" + log.parent_path().string());
-        environment.push_back("XDG_STATE_HOME=" + (log.parent_path() / "state").string());
         std::vector<char*> argv;
-        std::vector<char*> envp;
         for (std::string& a : arguments)
         {
             argv.push_back(a.data());
         }
-        for (std::string& e : environment)
-        {
-            envp.push_back(e.data());
-        }
         argv.push_back(nullptr);
-        envp.push_back(nullptr);
-        int ends[2] = {-1, -1};
-        if (captureOutput && ::pipe2(ends, O_CLOEXEC) != 0)
-        {
-            throw std::runtime_error("pipe2 failed");
-        }
-        const int logFd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const int outFd = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const int errFd = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         pid = ::fork();
         if (pid == 0)
         {
             // Only async-signal-safe calls in the child of a threaded process.
-            const int devNull = ::open("/dev/null", O_RDONLY);
-            ::dup2(devNull, 0);
-            ::dup2(captureOutput ? ends[1] : logFd, 1);
-            ::dup2(logFd, 2);
+            ::dup2(outFd, 1);
+            ::dup2(errFd, 2);
             if (user >= 0 && (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0))
             {
                 ::_exit(126);
             }
-            ::execve(argv[0], argv.data(), envp.data());
+            ::execv(argv[0], argv.data());
             ::_exit(127);
         }
-        ::close(logFd);
-        if (captureOutput)
-        {
-            ::close(ends[1]);
-            output = ends[0];
-        }
+        ::close(outFd);
+        ::close(errFd);
     }
-    ~Child()
-    {
-        Kill(SIGKILL);
-        if (output >= 0)
-        {
-            ::close(output);
-        }
-    }
+    ~Child() { Kill(SIGKILL); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     pid_t Pid() const { return pid; }
-    bool HasEnded()
-    {
-        int status = 0;
-        if (pid > 0 && ::waitpid(pid, &status, WNOHANG) == pid)
-        {
-            Ended(status);
-        }
-        return pid < 0;
-    }
+    bool HasEnded() { return pid < 0 || Reap(WNOHANG); }
     // The exit code, or 128 + the signal that ended it.
     int Wait()
     {
-        int status = 0;
-        if (pid > 0)
+        while (pid > 0 && !Reap(0))
         {
-            while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
-            {
-            }
-            Ended(status);
         }
         return exitCode;
     }
@@ -202,51 +150,22 @@ public:
         return Wait();
     }
 
-    // The next line of the captured output; false at its end or after the time limit.
-    bool ReadLine(std::string& line)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        std::size_t end = 0;
-        while ((end = buffer.find('\n')) == std::string::npos)
-        {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-            pollfd entry{output, POLLIN, 0};
-            if (left <= 0 || ::poll(&entry, 1, static_cast<int>(left)) <= 0 || !Append())
-            {
-                return false;
-            }
-        }
-        line = buffer.substr(0, end);
-        buffer.erase(0, end + 1);
-        return true;
-    }
-    // The rest of the captured output, up to its end.
-    std::string ReadAll()
-    {
-        while (Append())
-        {
-        }
-        return std::exchange(buffer, {});
-    }
-
 private:
-    bool Append()
+    bool Reap(int options)
     {
-        char chunk[4096];
-        const ssize_t count = ::read(output, chunk, sizeof chunk);
-        buffer.append(chunk, count > 0 ? static_cast<std::size_t>(count) : 0);
-        return count > 0;
-    }
-    void Ended(int status)
-    {
-        exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        int status = 0;
+        const pid_t reaped = ::waitpid(pid, &status, options);
+        if (reaped == 0 || (reaped < 0 && errno == EINTR))
+        {
+            return false;
+        }
+        exitCode = reaped < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         pid = -1;
+        return true;
     }
 
     pid_t pid = -1;
     int exitCode = -1;
-    int output = -1;
-    std::string buffer;
 };
 
 inline std::unique_ptr<Manager::ISoftwareManagerService> MakeProxy(const fs::path& socket, std::uint32_t timeoutMilliseconds = 5000)
@@ -273,7 +192,7 @@ public:
     {
         std::vector<std::string> arguments{BinaryPath("zun-software-manager"), "--state-dir", state.string(), "--socket", socket.string(), "--log-level", "6"};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
-        child = std::make_unique<Child>(arguments, log, false, user);
+        child = std::make_unique<Child>(arguments, log, log, user);
         return Eventually([&] {
             Manager::Transport::SocketChannel channel;
             return child->HasEnded() ||
@@ -346,7 +265,7 @@ protected:
                                               << fields << "}";
         Child pack({BinaryPath("zun-software-manager"), "pack", "--manifest", (work / "manifest.json").string(), "--payload",
                     (work / "payload").string(), "-o", (Incoming() / file).string()},
-                   temp / "pack.log");
+                   temp / "pack.log", temp / "pack.log");
         ASSERT_EQ(0, pack.Wait()) << ReadText(temp / "pack.log");
     }
 

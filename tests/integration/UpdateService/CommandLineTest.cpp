@@ -46,13 +46,10 @@ protected:
 
     CliResult Run(const std::vector<std::string>& command)
     {
+        fs::remove(folder / "cli.out");
         fs::remove(folder / "cli.err");
-        Child cli(Arguments(command), folder / "cli.err", true);
-        CliResult result;
-        result.output = cli.ReadAll();
-        result.exitCode = cli.Wait();
-        result.errors = ReadText(folder / "cli.err");
-        return result;
+        const int exitCode = Child(Arguments(command), folder / "cli.out", folder / "cli.err").Wait();
+        return {exitCode, ReadText(folder / "cli.out"), ReadText(folder / "cli.err")};
     }
 
     Json RunJson(std::vector<std::string> command, int expectedExit = 0)
@@ -115,16 +112,11 @@ TEST_P(CommandLineEndTest, SettledAndAnnouncedOnceByTheNextStart)
     const EndCase& c = GetParam();
     StartManager(c.managerOptions);
     ASSERT_EQ(RunJson({"stage", Project, "sample-project-1.1.0.tar"})["statusCode"], "Good");
-    {
-        Child install(Arguments({"install", Project, "--revision", "1.1.0", "--uri", Uri, "--wait", "--interval-ms", "20"}), folder / "install.err",
-                      true);
-        std::string line;
-        do
-        {
-            ASSERT_TRUE(install.ReadLine(line)) << ReadText(folder / "install.err");
-        } while (line.rfind("Installing: ", 0) != 0);
-        EXPECT_EQ(install.Kill(SIGKILL), 128 + SIGKILL);
-    }
+    Child install(Arguments({"install", Project, "--revision", "1.1.0", "--uri", Uri, "--wait", "--interval-ms", "20"}), folder / "install.out",
+                  folder / "install.err");
+    ASSERT_TRUE(Eventually([&] { return ReadText(folder / "install.out").find("\nInstalling: ") != std::string::npos; }))
+        << ReadText(folder / "install.err");
+    EXPECT_EQ(install.Kill(SIGKILL), 128 + SIGKILL);
     EXPECT_TRUE(IsInProgress(manager.StateOf(Manager::SoftwareKind::TesmoraEngineerProject, "Sample project")))
         << "the manager finished before the command line was killed; slow it down";
     ASSERT_TRUE(manager.WaitUntilSettled(Manager::SoftwareKind::TesmoraEngineerProject, "Sample project"));
