@@ -151,35 +151,25 @@ TEST_F(ServiceHostTest, TextsThatCannotReachTheManagerAreRefusedBeforeTheModule)
     }
 }
 
+// Keeps the successive states of the sample files and tells when they are Idle again.
 class StateListener : public IStatusStoreListener
 {
 public:
     void OnStatusChanged(const String& name, const SoftwareUpdateStatus* status) override
     {
-        if (name != Files || status == nullptr)
-        {
-            return;
-        }
         std::lock_guard<std::mutex> lock(mutex);
-        if (states.empty() || states.back() != status->InstallationState)
+        if (name == Files && status != nullptr && (states.empty() || states.back() != status->InstallationState))
         {
             states.push_back(status->InstallationState);
-        }
-        if (status->InstallationState == UpdateInstallationState::Idle && states.size() > 1)
-        {
-            idleAgain.Notify();
+            if (states.size() > 1 && status->InstallationState == UpdateInstallationState::Idle)
+            {
+                idleAgain.Notify();
+            }
         }
     }
-    std::vector<UpdateInstallationState> States()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return states;
-    }
-    Testing::Notification idleAgain;
-
-private:
     std::mutex mutex;
     std::vector<UpdateInstallationState> states;
+    Testing::Notification idleAgain;
 };
 
 TEST_F(ServiceHostTest, ListenersFollowAnInstallationThatTheStatusThreadSeesToItsEnd)
@@ -196,7 +186,10 @@ TEST_F(ServiceHostTest, ListenersFollowAnInstallationThatTheStatusThreadSeesToIt
     ASSERT_EQ(host.InstallSoftwarePackage(Files, "1.1.0", "https://example.com/zun", {}), StatusCodes::Good);
 
     ASSERT_TRUE(listener->idleAgain.WaitFor(std::chrono::seconds(30)));
-    EXPECT_THAT(listener->States(), ElementsAre(UpdateInstallationState::Installing, UpdateInstallationState::Idle));
+    {
+        std::lock_guard<std::mutex> lock(listener->mutex);
+        EXPECT_THAT(listener->states, ElementsAre(UpdateInstallationState::Installing, UpdateInstallationState::Idle));
+    }
     SoftwareVersionType version;
     ASSERT_EQ(host.GetSoftwareVersion(Files, SoftwareVersionFileType::Current, version), StatusCodes::Good);
     EXPECT_EQ(version.SoftwareRevision.ToString(), "1.1.0");
