@@ -195,15 +195,8 @@ TEST_F(ModuleEndToEndTest, WithTheServiceDownCallsReturnNoCommunicationAndChange
 
     // A module initialised now fails instead of unregistering every component.
     auto second = CreateModule();
-    try
-    {
-        second->Initialize(String("SoftwareUpdater"), statusFake);
-        ADD_FAILURE() << "Initialize succeeded without the service";
-    }
-    catch (const Zun::System::Commons::InvalidOperationException& e)
-    {
-        EXPECT_EQ("GetAllSoftwareInformation failed with status 0x80310000: " + unreachable, e.GetMessage());
-    }
+    ExpectThrow<Zun::System::Commons::InvalidOperationException>([&] { second->Initialize(String("SoftwareUpdater"), statusFake); },
+                                                                 "GetAllSoftwareInformation failed with status 0x80310000: " + unreachable);
     second.reset();
     EXPECT_THAT(statusFake->GetComponentNames(), UnorderedElementsAre(Alpha, Beta));
 }

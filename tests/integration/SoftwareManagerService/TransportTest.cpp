@@ -24,19 +24,6 @@ using Zun::System::Commons::InvalidOperationException;
 
 const Text Alpha("Alpha");
 
-void ExpectGetAllThrows(ISoftwareManagerService& proxy, const std::string& message)
-{
-    try
-    {
-        proxy.GetAllSoftwareInformation();
-        ADD_FAILURE() << "no exception, expected: " << message;
-    }
-    catch (const InvalidOperationException& e)
-    {
-        EXPECT_EQ(message, e.GetMessage());
-    }
-}
-
 class TransportTest : public ManagerFixture
 {
 };
@@ -125,7 +112,8 @@ TEST(TransportFailureTest, AnAbsentServiceGivesNoCommunicationAndLeavesTheResult
     EXPECT_EQ(StatusCodes::BadNoCommunication, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("p.tar"), message));
     const std::string unreachable = "The software manager service at '" + socket.string() + "' cannot be reached.";
     EXPECT_EQ(unreachable, message.ToString());
-    ExpectGetAllThrows(*proxy, "GetAllSoftwareInformation failed with status 0x80310000: " + unreachable);
+    ExpectThrow<InvalidOperationException>([&] { proxy->GetAllSoftwareInformation(); },
+                                           "GetAllSoftwareInformation failed with status 0x80310000: " + unreachable);
 }
 
 // A stand-in service answers one request with bytes that do not answer it.
@@ -172,8 +160,9 @@ TEST_F(TransportTest, AServiceThatStopsAnsweringTimesOutAndServesAgainWhenItGoes
     ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
     ASSERT_EQ(0, ::kill(manager.Pid(), SIGSTOP));
     EXPECT_EQ(StatusCodes::BadTimeout, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
-    ExpectGetAllThrows(*proxy, "GetAllSoftwareInformation failed with status 0x800A0000: The software manager service at '" + socket.string() +
-                                   "' did not answer GetAllSoftwareInformation within 300 ms.");
+    ExpectThrow<InvalidOperationException>([&] { proxy->GetAllSoftwareInformation(); },
+                                           "GetAllSoftwareInformation failed with status 0x800A0000: The software manager service at '" +
+                                               socket.string() + "' did not answer GetAllSoftwareInformation within 300 ms.");
     ::kill(manager.Pid(), SIGCONT);
     // The late answers to the abandoned requests must not be taken for the next ones.
     SoftwareInformation information;

@@ -20,7 +20,6 @@
 #include <thread>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "ServiceContracts/ISoftwareManagerService.hpp"
@@ -71,6 +70,21 @@ bool Eventually(Condition done)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return done();
+}
+
+// Checks that `action` throws `Exception` with exactly `message`.
+template <class Exception, class Action>
+void ExpectThrow(Action action, const std::string& message)
+{
+    try
+    {
+        action();
+        ADD_FAILURE() << "no exception, expected: " << message;
+    }
+    catch (const Exception& e)
+    {
+        EXPECT_EQ(message, e.GetMessage());
+    }
 }
 
 class TemporaryFolder
@@ -211,11 +225,7 @@ public:
     {
         Manager::InstallationState result = Manager::InstallationState::Idle;
         Text text;
-        const auto code = MakeProxy(socket)->GetInstallationState(kind, Text(name.c_str()), result, text);
-        if (code != 0)
-        {
-            throw std::runtime_error(fmt::format("GetInstallationState: 0x{:08X}", code));
-        }
+        EXPECT_EQ(0u, MakeProxy(socket)->GetInstallationState(kind, Text(name.c_str()), result, text)) << text.CStr();
         if (message != nullptr)
         {
             *message = text.ToString();

@@ -27,20 +27,6 @@ using System::Commons::InvalidOperationException;
 const String Files = "Generic files / Sample files";
 const String Project = "Tesmora Engineer project / Sample project";
 
-template <class Exception>
-void ExpectThrow(const std::function<void()>& action, const std::string& message)
-{
-    try
-    {
-        action();
-        ADD_FAILURE() << "no exception, expected: " << message;
-    }
-    catch (const Exception& e)
-    {
-        EXPECT_EQ(e.GetMessage(), message);
-    }
-}
-
 std::vector<String> Names(const std::vector<ComponentStatus>& components)
 {
     std::vector<String> names;
