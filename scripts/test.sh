@@ -101,11 +101,12 @@ tidy() {
   local out
   out=$(run-clang-tidy-14 -p build/default -quiet -j "$jobs" "$files" 2>&1)
   local status=$?
+  out=$(printf '%s\n' "$out" | sed 's/\x1b\[[0-9;]*m//g')
   # run-clang-tidy prints every command; keep the diagnostics.
   echo "$out" | grep -vE '^(clang-tidy-14|Running clang-tidy|\[[0-9]+/[0-9]+\] )' | grep -vE '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$' |
     grep -vE '^(Suppressed [0-9]+ warnings|Use -header-filter|Enabled checks)' || true
   local count
-  count=$(echo "$out" | grep -cE '(warning|error): .*\[[a-z-]+[a-z.-]*(,-warnings-as-errors)?\]$' || true)
+  count=$(echo "$out" | grep -cE '(warning|error): .*\[[A-Za-z0-9.,-]+\]$' || true)
   echo "clang-tidy: $count finding(s)"
   [ "$status" -eq 0 ] && [ "$count" -eq 0 ]
 }
