@@ -24,6 +24,8 @@ public:
     ~Manifest() override;
     Manifest(const Manifest&) = default;
     Manifest& operator=(const Manifest&) = default;
+    Manifest(Manifest&&) = default;
+    Manifest& operator=(Manifest&&) = default;
 
     // Throws NotSupportedException "DateTimeKind Unspecified not supported." for a ReleaseDate
     // of kind Unspecified, after the first seven texts.
@@ -31,7 +33,7 @@ public:
     // Appends to TextList and Tags; read into a default record.
     void ReadFrom(System::Rsc::RemotingReader& reader) override;
 
-    friend bool operator==(const Manifest& a, const Manifest& b) noexcept;
+    friend ZUN_EXPORT bool operator==(const Manifest& a, const Manifest& b) noexcept;
 
     System::Rsc::RscString<64> ShortText;
     System::Rsc::RscString<512> Text1;

@@ -19,12 +19,14 @@ public:
     ~SoftwareInformation() override;
     SoftwareInformation(const SoftwareInformation&) = default;
     SoftwareInformation& operator=(const SoftwareInformation&) = default;
+    SoftwareInformation(SoftwareInformation&&) = default;
+    SoftwareInformation& operator=(SoftwareInformation&&) = default;
 
     // Both manifests travel whatever the flags say.
     void WriteTo(System::Rsc::RemotingWriter& writer) const override;
     void ReadFrom(System::Rsc::RemotingReader& reader) override;
 
-    friend bool operator==(const SoftwareInformation& a, const SoftwareInformation& b) noexcept;
+    friend ZUN_EXPORT bool operator==(const SoftwareInformation& a, const SoftwareInformation& b) noexcept;
 
     System::Rsc::RscString<512> Name;
     SoftwareKind Kind = SoftwareKind::None;

@@ -20,11 +20,13 @@ public:
     ~SoftwareUpdateStatus() override;
     SoftwareUpdateStatus(const SoftwareUpdateStatus&) = default;
     SoftwareUpdateStatus& operator=(const SoftwareUpdateStatus&) = default;
+    SoftwareUpdateStatus(SoftwareUpdateStatus&&) = default;
+    SoftwareUpdateStatus& operator=(SoftwareUpdateStatus&&) = default;
 
     void WriteTo(System::Rsc::RemotingWriter& writer) const override;
     void ReadFrom(System::Rsc::RemotingReader& reader) override;
 
-    friend bool operator==(const SoftwareUpdateStatus& a, const SoftwareUpdateStatus& b) noexcept;
+    friend ZUN_EXPORT bool operator==(const SoftwareUpdateStatus& a, const SoftwareUpdateStatus& b) noexcept;
 
     System::Rsc::RscString<512> ErrorMessage;
     std::int32_t StatusWord1 = 0;

@@ -21,6 +21,8 @@ public:
     ~SoftwareVersionType() override;
     SoftwareVersionType(const SoftwareVersionType&) = default;
     SoftwareVersionType& operator=(const SoftwareVersionType&) = default;
+    SoftwareVersionType(SoftwareVersionType&&) = default;
+    SoftwareVersionType& operator=(SoftwareVersionType&&) = default;
 
     // Throws NotSupportedException "DateTimeKind Unspecified not supported." for a ReleaseDate of
     // kind Unspecified, after the three texts and the patch list.
@@ -31,7 +33,7 @@ public:
     // Back to the default state, the list's storage released.
     void Reset() noexcept;
 
-    friend bool operator==(const SoftwareVersionType& a, const SoftwareVersionType& b) noexcept;
+    friend ZUN_EXPORT bool operator==(const SoftwareVersionType& a, const SoftwareVersionType& b) noexcept;
 
     System::Rsc::RscString<512> Manufacturer;
     System::Rsc::RscString<512> ManufacturerUri;

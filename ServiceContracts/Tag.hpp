@@ -18,11 +18,13 @@ public:
     ~Tag() override;
     Tag(const Tag&) = default;
     Tag& operator=(const Tag&) = default;
+    Tag(Tag&&) = default;
+    Tag& operator=(Tag&&) = default;
 
     void WriteTo(System::Rsc::RemotingWriter& writer) const override;
     void ReadFrom(System::Rsc::RemotingReader& reader) override;
 
-    friend bool operator==(const Tag& a, const Tag& b) noexcept { return a.Name == b.Name && a.Value == b.Value; }
+    friend ZUN_EXPORT bool operator==(const Tag& a, const Tag& b) noexcept { return a.Name == b.Name && a.Value == b.Value; }
 
     System::Rsc::RscString<512> Name;
     System::Rsc::RscString<512> Value;

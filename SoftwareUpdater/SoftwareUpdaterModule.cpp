@@ -88,14 +88,12 @@ void SoftwareUpdaterModule::Subscribe()
         throw System::Commons::InvalidOperationException("Could not retrieve service '{0}' from service provider '{1}'.",
                                                          RuntimeTypeInfo::GetTypeName<ISoftwareManagerService>(), ProviderName);
     }
-    auto* managerService = dynamic_cast<ISoftwareManagerService*>(service.get());
-    if (managerService == nullptr)
+    if (dynamic_cast<ISoftwareManagerService*>(service.get()) == nullptr)
     {
         throw System::Commons::InvalidCastException("The service does not implement service interface '{0}'.",
                                                     proxyFactory.GetServiceInterfaceName());
     }
-    service.release();
-    softwareManagerService = std::shared_ptr<ISoftwareManagerService>(managerService);
+    softwareManagerService = std::shared_ptr<ISoftwareManagerService>(dynamic_cast<ISoftwareManagerService*>(service.release()));
 }
 
 void SoftwareUpdaterModule::StartStatusThread()

@@ -119,7 +119,7 @@ bool ManagerService::EnsureStateDirectory(const fs::path& stateDirectory)
     return true;
 }
 
-ManagerService::ManagerService(fs::path stateDirectoryIn, TestControls controlsIn)
+ManagerService::ManagerService(const fs::path& stateDirectoryIn, TestControls controlsIn)
     : stateDirectory(fs::canonical(stateDirectoryIn)), incomingDirectory(stateDirectory / "incoming"), controls(controlsIn)
 {
     fs::create_directories(incomingDirectory);

@@ -186,8 +186,8 @@ FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::Resume
     }
 }
 
-void FakeSoftwareManagerService::AddComponent(SoftwareKind kind, const char* name, std::optional<Manifest> current,
-                                              std::optional<Manifest> pending)
+void FakeSoftwareManagerService::AddComponent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current,
+                                              const std::optional<Manifest>& pending)
 {
     std::lock_guard<std::mutex> lock(mutex);
     Key key(kind, String(name));
@@ -228,7 +228,7 @@ void FakeSoftwareManagerService::AddPackage(const char* package, const Manifest&
     packages[String(package)] = WithUtcDate(manifest);
 }
 
-void FakeSoftwareManagerService::SetPending(SoftwareKind kind, const char* name, std::optional<Manifest> pending)
+void FakeSoftwareManagerService::SetPending(SoftwareKind kind, const char* name, const std::optional<Manifest>& pending)
 {
     std::lock_guard<std::mutex> lock(mutex);
     Component* found = Find(kind, Name(name));
@@ -240,7 +240,7 @@ void FakeSoftwareManagerService::SetPending(SoftwareKind kind, const char* name,
     SetManifest(component.information.HasPendingManifest, component.information.PendingManifest, pending);
 }
 
-void FakeSoftwareManagerService::SetCurrent(SoftwareKind kind, const char* name, std::optional<Manifest> current)
+void FakeSoftwareManagerService::SetCurrent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current)
 {
     std::lock_guard<std::mutex> lock(mutex);
     Component* found = Find(kind, Name(name));

@@ -56,10 +56,10 @@ void ManualSleep::Release(std::size_t count)
     changed.notify_all();
 }
 
-void ManualSleep::SetAutomatic(bool value)
+void ManualSleep::SetAutomatic(bool automatic)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    automatic = value;
+    this->automatic = automatic;
     changed.notify_all();
 }
 

@@ -58,7 +58,7 @@ public:
 
     // Opens the state folder (which must exist), reports interrupted installations as failed and
     // removes their leftovers.
-    ManagerService(std::filesystem::path stateDirectory, TestControls controls);
+    ManagerService(const std::filesystem::path& stateDirectory, TestControls controls);
     ~ManagerService() override;
     ManagerService(const ManagerService&) = delete;
     ManagerService& operator=(const ManagerService&) = delete;

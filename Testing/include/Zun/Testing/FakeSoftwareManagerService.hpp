@@ -37,13 +37,13 @@ public:
     ServiceStatusCode ResumeInstallation(SoftwareKind kind, const Name& name) override;
 
     // Set-up and driving (not journaled).
-    void AddComponent(SoftwareKind kind, const char* name, std::optional<Manifest> current = std::nullopt,
-                      std::optional<Manifest> pending = std::nullopt);
+    void AddComponent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current = std::nullopt,
+                      const std::optional<Manifest>& pending = std::nullopt);
     void AddRawRecord(const SoftwareInformation& record); // listed as it is, for odd records
     void RemoveComponent(SoftwareKind kind, const char* name);
     void AddPackage(const char* package, const Manifest& manifest);
-    void SetPending(SoftwareKind kind, const char* name, std::optional<Manifest> pending);
-    void SetCurrent(SoftwareKind kind, const char* name, std::optional<Manifest> current);
+    void SetPending(SoftwareKind kind, const char* name, const std::optional<Manifest>& pending);
+    void SetCurrent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current);
     void SetState(SoftwareKind kind, const char* name, InstallationState state, const char* message = "");
     // Ends an installation: the pending manifest becomes current (unless `keepVersion`), state 0.
     void CompleteInstallation(SoftwareKind kind, const char* name, bool keepVersion = false);
