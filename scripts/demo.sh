@@ -35,7 +35,8 @@ show() {
 }
 update() { show zun-update "$@"; "$build/bin/zun-update" "$@"; }
 
-step "Build (only what is missing)"
+step "Install what is missing, then build (only what is missing)"
+bash "$root/scripts/install-deps.sh"
 if [ ! -f "$build/build.ninja" ]; then
   if [ "$build" = "$root/build/default" ]; then
     (cd "$root" && cmake --preset default)
