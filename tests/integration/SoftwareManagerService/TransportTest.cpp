@@ -2,6 +2,7 @@
 // records, failures on either side, concurrent callers, restarts, and frames that are not right.
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <cstring>
@@ -159,6 +160,10 @@ TEST_F(TransportTest, AServiceThatStopsAnsweringTimesOutAndServesAgainWhenItGoes
     Text message;
     ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
     ASSERT_EQ(0, ::kill(manager.Pid(), SIGSTOP));
+    // kill returns before the child has stopped; until it has, it may still answer.
+    int stopped = 0;
+    ASSERT_EQ(manager.Pid(), ::waitpid(manager.Pid(), &stopped, WUNTRACED));
+    ASSERT_TRUE(WIFSTOPPED(stopped));
     EXPECT_EQ(StatusCodes::BadTimeout, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
     ExpectThrow<InvalidOperationException>([&] { proxy->GetAllSoftwareInformation(); },
                                            "GetAllSoftwareInformation failed with status 0x800A0000: The software manager service at '" +
