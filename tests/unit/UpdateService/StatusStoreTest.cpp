@@ -13,6 +13,7 @@
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
+#include "Zun/Testing/UpdaterStatusContract.hpp"
 
 namespace Zun::Services::SoftwareUpdate::UpdateService
 {
@@ -58,81 +59,17 @@ protected:
     std::unique_ptr<StatusStore> store = std::make_unique<StatusStore>(path);
 };
 
-enum class Operation
-{
-    Switch,
-    FinishSuccess,
-    FinishFailure,
-    Reset
-};
-
-struct Transition
-{
-    State from;
-    Operation operation;
-    bool accepted;
-    State to;
-};
-
-class StatusStoreTransitionTest : public StatusStoreTest, public ::testing::WithParamInterface<Transition>
+class StatusStoreTransitionTest : public StatusStoreTest, public ::testing::WithParamInterface<Zun::Testing::StateTransition>
 {
 };
 
-// Only the state machine's transitions are taken; a refusal returns false and changes nothing.
-TEST_P(StatusStoreTransitionTest, TakesOnlyTheStateMachinesTransitions)
+TEST_P(StatusStoreTransitionTest, KeepsTheStateMachine)
 {
-    const Transition& t = GetParam();
-    store->AddComponent(App);
-    store->SetUpdateStatus(App, "seeded", true);
-    if (t.from != State::Idle)
-    {
-        ASSERT_TRUE(store->SwitchToInstalling(App, true));
-    }
-    if (t.from == State::Error)
-    {
-        store->FinishInstallation(App, false);
-    }
-    const SoftwareUpdateStatus before = StatusOf(*store, App);
-    ASSERT_EQ(before.InstallationState, t.from);
-
-    bool accepted = false;
-    switch (t.operation)
-    {
-    case Operation::Switch:
-        accepted = store->SwitchToInstalling(App, false);
-        break;
-    case Operation::FinishSuccess:
-    case Operation::FinishFailure:
-        store->FinishInstallation(App, t.operation == Operation::FinishSuccess);
-        accepted = StatusOf(*store, App).InstallationState != t.from;
-        break;
-    case Operation::Reset:
-        accepted = store->ResetError(App);
-        break;
-    }
-    const SoftwareUpdateStatus after = StatusOf(*store, App);
-    EXPECT_EQ(accepted, t.accepted);
-    EXPECT_EQ(after.InstallationState, t.to);
-    if (!t.accepted)
-    {
-        EXPECT_EQ(after, before);
-    }
-    // The record's text is the status callback's business, never the state machine's.
-    EXPECT_EQ(after.ErrorMessage.ToString(), "seeded");
+    Zun::Testing::ExpectStateMachineTransition(*store, App, GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStates, StatusStoreTransitionTest,
-                         ::testing::Values(Transition{State::Idle, Operation::Switch, true, State::Installing},
-                                           Transition{State::Installing, Operation::Switch, false, State::Installing},
-                                           Transition{State::Error, Operation::Switch, false, State::Error},
-                                           Transition{State::Installing, Operation::FinishSuccess, true, State::Idle},
-                                           Transition{State::Installing, Operation::FinishFailure, true, State::Error},
-                                           Transition{State::Idle, Operation::FinishSuccess, false, State::Idle},
-                                           Transition{State::Idle, Operation::FinishFailure, false, State::Idle},
-                                           Transition{State::Error, Operation::FinishSuccess, false, State::Error},
-                                           Transition{State::Error, Operation::Reset, true, State::Idle},
-                                           Transition{State::Idle, Operation::Reset, false, State::Idle},
-                                           Transition{State::Installing, Operation::Reset, false, State::Installing}));
+INSTANTIATE_TEST_SUITE_P(AllStatesAndOperations, StatusStoreTransitionTest, ::testing::ValuesIn(Zun::Testing::StateMachineTransitions()),
+                         [](const auto& info) { return ::testing::PrintToString(info.param); });
 
 TEST_F(StatusStoreTest, SwitchToInstallingRecordsThePreparationFlagAndRestartsProgress)
 {
