@@ -22,6 +22,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.hpp"
 #include "RatioReporter.hpp"
 #include "SoftwareUpdater/EntryPoint.hpp"
 #include "Zun/Commons/Singleton.hpp"
@@ -42,6 +43,7 @@ using Zun::Services::SoftwareUpdate::IUpdaterStatus;
 using Record = Zun::Services::SoftwareUpdate::Services::Internal::SoftwareUpdateStatus;
 using HostState = Zun::Services::SoftwareUpdate::Services::Internal::InstallationState;
 using EntryFunction = decltype(&CreateSoftwareUpdateModuleLibrary);
+using Zun::Bench::Exchange;
 
 const String Component = "Generic files / Sample files";
 
@@ -232,12 +234,6 @@ private:
     std::thread thread;
 };
 
-struct Exchange
-{
-    std::size_t request = 0;
-    std::size_t response = 0;
-};
-
 fs::path socketPath;
 EntryFunction entry = nullptr;
 std::shared_ptr<MemoryStatus> statusStore;
@@ -305,76 +301,19 @@ void BM_ProxyGetInstallationState(benchmark::State& state)
 }
 BENCHMARK(BM_ProxyGetInstallationState);
 
-// One request of `exchange.request` bytes and one answer of `exchange.response` bytes per iteration.
 void BM_RawSameBytes(benchmark::State& state)
 {
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
-    {
-        state.SkipWithError("socketpair failed");
-        return;
-    }
-    std::thread echo([&] {
-        std::vector<std::uint8_t> in(exchange.request);
-        std::vector<std::uint8_t> out(exchange.response, 1);
-        SocketChannel peer(fds[1]);
-        while (peer.ReceiveExact(in.data(), in.size(), NoDeadline) == IoResult::Ok && peer.SendAll(out.data(), out.size(), NoDeadline) == IoResult::Ok)
-        {
-        }
-    });
-    {
-        SocketChannel channel(fds[0]);
-        std::vector<std::uint8_t> request(exchange.request, 2);
-        std::vector<std::uint8_t> response(exchange.response);
-        for (auto _ : state)
-        {
-            const Deadline deadline = Clock::now() + std::chrono::seconds(5);
-            if (channel.SendAll(request.data(), request.size(), deadline) != IoResult::Ok ||
-                channel.ReceiveExact(response.data(), response.size(), deadline) != IoResult::Ok)
-            {
-                state.SkipWithError("raw round trip failed");
-                break;
-            }
-        }
-    }
-    echo.join();
-    state.counters["request_bytes"] = static_cast<double>(exchange.request);
-    state.counters["response_bytes"] = static_cast<double>(exchange.response);
+    Zun::Bench::RawRoundTrips(state, exchange);
 }
 BENCHMARK(BM_RawSameBytes);
-
-bool WaitForService()
-{
-    for (int attempt = 0; attempt < 2000; ++attempt)
-    {
-        SocketChannel channel;
-        if (SocketChannel::Connect(socketPath.string(), Clock::now() + std::chrono::milliseconds(100), channel) == IoResult::Ok)
-        {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    char pattern[] = "/tmp/zun-bench-XXXXXX";
-    const fs::path folder = ::mkdtemp(pattern);
-    socketPath = folder / "sm.sock";
-    const std::string stateArgument = (folder / "state").string();
-    const std::string socketArgument = socketPath.string();
-    const pid_t pid = ::fork();
-    if (pid == 0)
-    {
-        // A state folder that does not exist yet gets the sample components.
-        ::execl(ZUN_SOFTWARE_MANAGER_BINARY, ZUN_SOFTWARE_MANAGER_BINARY, "--state-dir", stateArgument.c_str(), "--socket", socketArgument.c_str(),
-                "--log-level", "1", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    const Zun::Bench::ManagerProcess manager;
+    socketPath = manager.SocketPath();
 
     // The host side: an application domain with a notification manager, and the plug-in.
     Zun::AppDomain appDomain;
@@ -390,13 +329,13 @@ int main(int argc, char** argv)
     {
         std::fprintf(stderr, "cannot load the plug-in: %s\n", ::dlerror());
     }
-    else if (!WaitForService())
+    else if (!manager.WaitUntilReady())
     {
         std::fprintf(stderr, "the software manager service did not start\n");
     }
     else
     {
-        exchange = MeasureGetStatus(folder);
+        exchange = MeasureGetStatus(manager.Folder());
         module = InitializedModule(socketPath);
         proxy = std::make_unique<SoftwareManagerServiceProxy>(Zun::System::Rsc::RscEndpoint{String(socketPath.string()), 5000});
         if (exchange.request == 0 || exchange.response == 0)
@@ -417,9 +356,6 @@ int main(int argc, char** argv)
     module.reset();
     proxy.reset();
     Zun::System::Rsc::ServiceManager::UnregisterProvider("Zun");
-    ::kill(pid, SIGTERM);
-    ::waitpid(pid, nullptr, 0);
-    fs::remove_all(folder);
     Zun::Singleton<Zun::AppDomain>::pInstance = nullptr;
     appDomain.RemoveSingleton<Zun::System::Nm::INotificationManager>();
     benchmark::Shutdown();

@@ -12,6 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.hpp"
 #include "RatioReporter.hpp"
 #include "Zun/SoftwareManager/FrameCodec.hpp"
 #include "Zun/SoftwareManager/SocketChannel.hpp"
@@ -28,11 +29,8 @@ using Text = Zun::System::Rsc::RscString<512>;
 fs::path socketPath;
 std::unique_ptr<SoftwareManagerServiceProxy> proxy;
 
-struct Exchange
-{
-    std::size_t request = 0;
-    std::size_t response = 0;
-};
+using Zun::Bench::Exchange;
+using Zun::Bench::RawRoundTrips;
 
 // Sizes of one request and its response, measured on the wire.
 Exchange Measure(Operation operation)
@@ -51,36 +49,6 @@ Exchange Measure(Operation operation)
         return {};
     }
     return {request.size(), FrameHeaderSize + answer.payload.size()};
-}
-
-// One request of `exchange.request` bytes and one answer of `exchange.response` bytes per iteration.
-void RawRoundTrips(benchmark::State& state, Exchange exchange)
-{
-    int fds[2];
-    ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
-    std::thread echo([&] {
-        std::vector<std::uint8_t> in(exchange.request);
-        std::vector<std::uint8_t> out(exchange.response, 1);
-        SocketChannel peer(fds[1]);
-        while (peer.ReceiveExact(in.data(), in.size(), NoDeadline) == IoResult::Ok &&
-               peer.SendAll(out.data(), out.size(), NoDeadline) == IoResult::Ok)
-        {
-        }
-    });
-    {
-        SocketChannel channel(fds[0]);
-        std::vector<std::uint8_t> request(exchange.request, 2);
-        std::vector<std::uint8_t> response(exchange.response);
-        for (auto _ : state)
-        {
-            const Deadline deadline = Clock::now() + std::chrono::seconds(5);
-            channel.SendAll(request.data(), request.size(), deadline);
-            channel.ReceiveExact(response.data(), response.size(), deadline);
-        }
-    }
-    echo.join();
-    state.counters["request_bytes"] = static_cast<double>(exchange.request);
-    state.counters["response_bytes"] = static_cast<double>(exchange.response);
 }
 
 void BM_ProxyGetInstallationState(benchmark::State& state)
@@ -129,32 +97,12 @@ BENCHMARK(BM_RawGetSoftwareInformationSizes);
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    char pattern[] = "/tmp/zun-bench-XXXXXX";
-    const fs::path folder = ::mkdtemp(pattern);
-    socketPath = folder / "sm.sock";
-    const std::string stateArgument = (folder / "state").string();
-    const std::string socketArgument = socketPath.string();
-    const pid_t pid = ::fork();
-    if (pid == 0)
-    {
-        // A state folder that does not exist yet gets the sample components.
-        ::execl(ZUN_SOFTWARE_MANAGER_BINARY, ZUN_SOFTWARE_MANAGER_BINARY, "--state-dir", stateArgument.c_str(), "--socket", socketArgument.c_str(),
-                "--log-level", "1", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    const Zun::Bench::ManagerProcess manager;
+    socketPath = manager.SocketPath();
     proxy = std::make_unique<SoftwareManagerServiceProxy>(Zun::System::Rsc::RscEndpoint{Zun::String(socketPath.string()), 5000});
-    int ready = 0;
-    for (int attempt = 0; attempt < 2000 && ready == 0; ++attempt)
-    {
-        SocketChannel channel;
-        ready = SocketChannel::Connect(socketPath.string(), Clock::now() + std::chrono::milliseconds(100), channel) == IoResult::Ok;
-        if (ready == 0)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    }
+    const bool ready = manager.WaitUntilReady();
     RatioReporter reporter;
-    if (ready != 0)
+    if (ready)
     {
         benchmark::RunSpecifiedBenchmarks(&reporter);
         std::printf("\nGetInstallationState, transport / raw: %.2f\n", reporter.Ratio("BM_ProxyGetInstallationState", "BM_RawGetInstallationStateSizes"));
@@ -166,9 +114,6 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "the software manager service did not start\n");
     }
     proxy.reset();
-    ::kill(pid, SIGTERM);
-    ::waitpid(pid, nullptr, 0);
-    fs::remove_all(folder);
     benchmark::Shutdown();
-    return ready != 0 ? 0 : 1;
+    return ready ? 0 : 1;
 }
