@@ -26,5 +26,7 @@ function(zun_add_test target)
   target_link_libraries(${target} PRIVATE ${A_LINK} Zun::Testing GTest::gmock_main GTest::gmock GTest::gtest)
   zun_warnings(${target})
   include(GoogleTest)
-  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "${A_LABELS}" TIMEOUT 120)
+  # ctest's own limit stays above every scaled bound inside the tests.
+  math(EXPR timeout "120 * ${ZUN_TEST_TIME_SCALE}")
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "${A_LABELS}" TIMEOUT ${timeout})
 endfunction()

@@ -19,7 +19,7 @@ ManualSleep::~ManualSleep()
     changed.notify_all();
     // Sleepers still refer to this object; let them leave before it goes away. Bounded, so that a
     // stuck sleeper shows up as a failing test rather than a hang.
-    changed.wait_for(lock, std::chrono::seconds(20), [this] { return inProgress == 0; });
+    changed.wait_for(lock, Patience(), [this] { return inProgress == 0; });
     lock.unlock();
     Thread::SetSleepFunction({});
 }

@@ -3,16 +3,19 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "Zun/Testing/TimeScale.hpp"
+
 namespace Zun::Testing
 {
 
-Watchdog::Watchdog(std::chrono::seconds timeout)
+Watchdog::Watchdog(std::chrono::milliseconds base)
 {
+    const std::chrono::milliseconds timeout = Scaled(base);
     thread = std::thread([this, timeout] {
         std::unique_lock<std::mutex> lock(mutex);
         if (!disarmed.wait_for(lock, timeout, [this] { return done; }))
         {
-            std::fprintf(stderr, "Watchdog: test did not finish within %lld s\n", static_cast<long long>(timeout.count()));
+            std::fprintf(stderr, "Watchdog: test did not finish within %lld ms\n", static_cast<long long>(timeout.count()));
             std::fflush(stderr);
             std::abort();
         }

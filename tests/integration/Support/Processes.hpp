@@ -25,6 +25,7 @@
 #include "ServiceContracts/ISoftwareManagerService.hpp"
 #include "Zun/SoftwareManager/SocketChannel.hpp"
 #include "Zun/SoftwareManager/SoftwareManagerServiceProxyFactory.hpp"
+#include "Zun/Testing/TimeScale.hpp"
 
 namespace Zun::Testing::Integration
 {
@@ -60,7 +61,7 @@ inline std::vector<std::string> Names(const fs::path& folder)
 template <class Condition>
 bool Eventually(Condition done)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + Zun::Testing::Patience();
     while (std::chrono::steady_clock::now() < deadline)
     {
         if (done())

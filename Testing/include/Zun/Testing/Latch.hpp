@@ -1,10 +1,13 @@
-// Thread coordination for tests: a countdown latch and a one-shot notification, with bounded waits.
+// Thread coordination for tests: a countdown latch and a one-shot notification, with waits bounded
+// by the test time scale.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
+
+#include "Zun/Testing/TimeScale.hpp"
 
 namespace Zun::Testing
 {
@@ -27,7 +30,7 @@ public:
         std::unique_lock<std::mutex> lock(mutex);
         return done.wait_for(lock, timeout, [this] { return count == 0; });
     }
-    void ArriveAndWait(std::chrono::milliseconds timeout = std::chrono::seconds(20))
+    void ArriveAndWait(std::chrono::milliseconds timeout = Patience())
     {
         CountDown();
         WaitFor(timeout);
@@ -43,7 +46,7 @@ class Notification
 {
 public:
     void Notify() { latch.CountDown(); }
-    bool WaitFor(std::chrono::milliseconds timeout = std::chrono::seconds(20)) { return latch.WaitFor(timeout); }
+    bool WaitFor(std::chrono::milliseconds timeout = Patience()) { return latch.WaitFor(timeout); }
     bool HasBeenNotified() { return latch.WaitFor(std::chrono::milliseconds(0)); }
 
 private:

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <vector>
 
+#include "Zun/Testing/TimeScale.hpp"
+
 namespace Zun::Testing
 {
 
@@ -22,7 +24,7 @@ public:
     ManualSleep& operator=(const ManualSleep&) = delete;
 
     // Waits (bounded) until at least `count` sleeps have begun since construction.
-    bool WaitForSleeps(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    bool WaitForSleeps(std::size_t count, std::chrono::milliseconds timeout = Patience());
     // Lets `count` more sleeps return.
     void Release(std::size_t count = 1);
     // From now on every sleep returns at once.

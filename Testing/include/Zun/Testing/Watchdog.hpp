@@ -1,4 +1,5 @@
-// Fails a hung test: aborts the process with a message when not destroyed within its time-out.
+// Fails a hung test: aborts the process with a message when not destroyed within its time-out, a
+// base duration stretched by the test time scale.
 #pragma once
 
 #include <chrono>
@@ -12,7 +13,7 @@ namespace Zun::Testing
 class Watchdog
 {
 public:
-    explicit Watchdog(std::chrono::seconds timeout = std::chrono::seconds(60));
+    explicit Watchdog(std::chrono::milliseconds base = std::chrono::seconds(60));
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
