@@ -3,7 +3,9 @@
 # Idempotent: when every package is already present, apt is not touched at all.
 #   bash scripts/install-deps.sh           native tool chain and libraries
 #   bash scripts/install-deps.sh --armhf   also the armhf cross tool chain, qemu and armhf libraries
+# Then the OPC UA server's npm packages, exactly as package-lock.json pins them (npm ci).
 set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
 
 armhf=0
 for arg in "$@"; do
@@ -21,6 +23,8 @@ native=(
   nlohmann-json3-dev libsqlite3-dev sqlite3 libarchive-dev libssl-dev libcli11-dev
   libprotobuf-dev protobuf-compiler
 )
+# Node.js for the OPC UA server: the machine's own (20) when there is one, else Debian's.
+command -v node >/dev/null && command -v npm >/dev/null || native+=(nodejs npm)
 # The cross libraries are Multi-Arch: same: they co-install only at the native package's exact version.
 cross=(
   crossbuild-essential-armhf qemu-user-static binutils-arm-linux-gnueabihf
@@ -63,10 +67,22 @@ if [ "$armhf" = 1 ]; then
   fi
 fi
 
+npm_packages() {
+  local dir=$root/OpcUaServer
+  [ -f "$dir/package-lock.json" ] || return 0
+  # npm ci starts from scratch: only when the lock file is newer than what it installed last.
+  if [ -f "$dir/node_modules/.package-lock.json" ] && [ ! "$dir/package-lock.json" -nt "$dir/node_modules/.package-lock.json" ]; then
+    echo "install-deps: OpcUaServer npm packages present"
+    return 0
+  fi
+  (cd "$dir" && npm ci --no-audit --no-fund)
+}
+
 mapfile -t todo < <(missing "${wanted[@]}")
 mapfile -t todo_optional < <(missing "${optional[@]}")
 if [ "${#todo[@]}" -eq 0 ] && [ "${#todo_optional[@]}" -eq 0 ]; then
   echo "install-deps: all $(( ${#wanted[@]} + ${#optional[@]} )) packages present"
+  npm_packages
   exit 0
 fi
 
@@ -86,4 +102,5 @@ if [ "${#todo_optional[@]}" -ne 0 ]; then
     apt_install "$p" >/dev/null 2>&1 || echo "install-deps: optional $p not installable now; services that need it are not built for armhf"
   done
 fi
+npm_packages
 echo "install-deps: done"

@@ -1,6 +1,7 @@
 "use strict";
 // The device in the DI DeviceSet and its software components, kept in step with the components that
 // the update service reports: the list once, then its watch events.
+const { EventEmitter } = require("node:events");
 const { DataType, PermissionType, WellKnownRoles, makeRoles } = require("node-opcua");
 const { SoftwareComponent } = require("./SoftwareComponent");
 
@@ -18,8 +19,10 @@ function guard(node) {
     return node;
 }
 
-class DeviceModel {
+// Emits "componentAdded" and "componentRemoved" with the component's name.
+class DeviceModel extends EventEmitter {
     constructor({ addressSpace, client, device, maxPackageSize, log }) {
+        super();
         this.addressSpace = addressSpace;
         this.client = client;
         this.maxPackageSize = maxPackageSize;
@@ -131,6 +134,7 @@ class DeviceModel {
             component = new SoftwareComponent({ name, device: this.device, model: this, client: this.client, maxPackageSize: this.maxPackageSize, guard });
             this.components.set(name, component);
             this.log(`component "${name}" added`);
+            this.emit("componentAdded", name);
         }
         if (status) {
             component.applyStatus(status);
@@ -143,6 +147,7 @@ class DeviceModel {
             this.components.delete(name);
             component.dispose();
             this.log(`component "${name}" removed`);
+            this.emit("componentRemoved", name);
         }
     }
 

@@ -3,7 +3,7 @@
 // the component's text form with its SoftwareUpdate AddIn (SoftwareUpdateType, Loading a
 // CachedLoadingType, Installation an InstallationStateMachineType, UpdateStatus). Reads and method
 // calls go to the update service; the installation state follows the status records it reports.
-const { AccessLevelFlag, DataType, DataValue, StatusCodes, Variant, VariantArrayType, promoteToStateMachine } = require("node-opcua");
+const { AccessLevelFlag, DataType, DataValue, EventNotifierFlags, StatusCodes, Variant, VariantArrayType, promoteToStateMachine } = require("node-opcua");
 const { PackageTransfer } = require("./PackageTransfer");
 const { bindMethod, makeStatusCode, methodResult } = require("./StatusMapping");
 
@@ -81,6 +81,8 @@ class SoftwareComponent {
 
         this.installation = this.update.getComponentByName("Installation");
         promoteToStateMachine(this.installation);
+        // Clients may subscribe to its TransitionEvents.
+        this.installation.setEventNotifier(EventNotifierFlags.SubscribeToEvents);
         this.installation.setState("Idle");
         this.percentComplete = this.installation.getComponentByName("PercentComplete");
         this.percentComplete.setValueFromSource({ dataType: DataType.Byte, value: 0 });
