@@ -73,7 +73,7 @@ async function main() {
     await setUser(path.join(work, "users.json"), "admin", "bench", ["ConfigureAdmin"]);
     const local = new UpdateServiceClient(path.join(work, "service.sock"));
     const server = new DeviceServer({
-        stateDir: path.join(work, "opcua"), usersFile: path.join(work, "users.json"), port: 0, allowAnonymous: true, acceptUnknownClients: true, maxPackageSize: 1 << 24,
+        stateDir: path.join(work, "opcua"), usersFile: path.join(work, "users.json"), port: 0, host: "localhost", allowAnonymous: true, acceptUnknownClients: true, maxPackageSize: 1 << 24,
         device: { name: "Controller", manufacturer: "Zun", manufacturerUri: Uri, model: "Bench", serialNumber: "1", hardwareRevision: "1", softwareRevision: "1", deviceRevision: "1", deviceManual: "", productCode: "", deviceClass: "", productInstanceUri: "urn:bench" }
     }, new UpdateServiceClient(path.join(work, "service.sock")));
     await server.start();

@@ -38,7 +38,6 @@ class SoftwareComponent {
         this.name = name;
         this.client = client;
         this.model = model;
-        this.inFlight = new Map();
         this.installationDelay = 0;
         const { addressSpace, namespace, di } = model;
 
@@ -155,7 +154,8 @@ class SoftwareComponent {
                 if (dataValue.value.dataType !== DataType.String) {
                     return StatusCodes.BadTypeMismatch;
                 }
-                return makeStatusCode((await this.client.setUpdateKey(this.name, dataValue.value.value ?? "")).status);
+                const answer = await this.client.setUpdateKey(this.name, dataValue.value.value ?? "").catch(() => ({ status: StatusCodes.BadNoCommunication.value }));
+                return makeStatusCode(answer.status);
             }
         }, true);
     }

@@ -72,6 +72,11 @@ function startManager(...options) {
     return start("manager", "zun-software-manager", ["--state-dir", managerState, "--socket", path.join(work, "manager.sock"), "--phase-delay-ms", "100", ...options], path.join(work, "manager.sock"));
 }
 
+function startService() {
+    fs.rmSync(path.join(work, "service.sock"), { force: true });
+    return start("service", "zun-update-service", ["--state-dir", path.join(work, "service"), "--socket", path.join(work, "service.sock"), "--manager-socket", path.join(work, "manager.sock")], path.join(work, "service.sock"));
+}
+
 function pathOf(start, relativePath) {
     return makeBrowsePath(start, relativePath.replace(/\/(?!\d+:)/g, `/${di}:`));
 }
@@ -144,13 +149,13 @@ before(async () => {
         return;
     }
     await startManager();
-    await start("service", "zun-update-service", ["--state-dir", path.join(work, "service"), "--socket", path.join(work, "service.sock"), "--manager-socket", path.join(work, "manager.sock")], path.join(work, "service.sock"));
+    await startService();
     const usersFile = path.join(work, "users.json");
     await setUser(usersFile, "admin", "admin-secret", ["ConfigureAdmin"]);
     await setUser(usersFile, "viewer", "viewer-secret", ["Observer"]);
     const packageSize = fs.statSync(path.join(managerState, "incoming", "sample-files-1.1.0.tar")).size;
     server = new DeviceServer({
-        stateDir: path.join(work, "opcua"), usersFile, port: 0, allowAnonymous: true, acceptUnknownClients: true, maxPackageSize: packageSize,
+        stateDir: path.join(work, "opcua"), usersFile, port: 0, host: "localhost", allowAnonymous: true, acceptUnknownClients: true, maxPackageSize: packageSize,
         device: { name: "Controller", manufacturer: "Zun", manufacturerUri: Uri, model: "Test", serialNumber: "42", hardwareRevision: "1", softwareRevision: "1", deviceRevision: "1", deviceManual: "", productCode: "", deviceClass: "", productInstanceUri: "urn:test" }
     }, new UpdateServiceClient(path.join(work, "service.sock")));
     await server.start();
@@ -255,10 +260,9 @@ test("a component added to the software manager appears in the address space", {
     const name = "Generic files / Added later";
     fs.mkdirSync(path.join(managerState, "components", "generic-files", "Added later"), { recursive: true });
     const added = once(server.model, "componentAdded");
-    // Another local client asks for it; the module registers it and the watch reports it.
-    const local = new UpdateServiceClient(path.join(work, "service.sock"));
-    await local.getStatus(name);
-    local.close();
-    await within(added, "componentAdded");
+    // The module registers the manager's components when it starts; the server watches the new service.
+    await stop("service");
+    await startService();
+    assert.deepEqual(await within(added, "componentAdded"), [name]);
     assert.equal((await readVersion(sessions.anonymous, name, "CurrentVersion")).statusCode.name, "BadNotFound", "a new component has no version yet");
 });
