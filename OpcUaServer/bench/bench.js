@@ -56,7 +56,7 @@ function summary(label, samples) {
     samples.sort((a, b) => a - b);
     const at = (q) => samples[Math.min(samples.length - 1, Math.floor(q * samples.length))].toFixed(3);
     const mean = samples.reduce((sum, value) => sum + value, 0) / samples.length;
-    console.log(`${label.padEnd(44)} n=${String(samples.length).padStart(4)}  mean ${mean.toFixed(3)} ms  median ${at(0.5)} ms  p90 ${at(0.9)} ms`);
+    console.log(`${label.padEnd(52)} n=${String(samples.length).padStart(4)}  mean ${mean.toFixed(3)} ms  median ${at(0.5)} ms  p90 ${at(0.9)} ms`);
 }
 
 async function time(action) {
@@ -84,10 +84,13 @@ async function main() {
     await client.connect(server.endpointUrl);
     const session = await client.createSession({ type: UserTokenType.UserName, userName: "admin", password: "bench" });
     const di = (await session.readNamespaceArray()).indexOf("http://opcfoundation.org/UA/DI/");
-    const nodeOf = async (relativePath) => (await session.translateBrowsePath(makeBrowsePath(`ns=1;s=Controller`, relativePath.replaceAll("/", `/${di}:`).replace(`/${di}:1:`, "/1:")))).targets[0].targetId;
-    const revision = await nodeOf(`/1:${Name}/SoftwareUpdate/Loading/CurrentVersion/SoftwareRevision`);
-    const installation = await nodeOf(`/1:${Name}/SoftwareUpdate/Installation`);
-    const installMethod = await nodeOf(`/1:${Name}/SoftwareUpdate/Installation/InstallSoftwarePackage`);
+    // The component's name holds "/", which browse paths reserve: it is found by browsing.
+    const device = (await session.browse(`ns=${di};i=5001`)).references.find((reference) => reference.browseName.name === "Controller").nodeId;
+    const component = (await session.browse(device)).references.find((reference) => reference.browseName.name === Name).nodeId;
+    const nodeOf = async (relativePath) => (await session.translateBrowsePath(makeBrowsePath(component, relativePath.replaceAll("/", `/${di}:`)))).targets[0].targetId;
+    const revision = await nodeOf("/SoftwareUpdate/Loading/CurrentVersion/SoftwareRevision");
+    const installation = await nodeOf("/SoftwareUpdate/Installation");
+    const installMethod = await nodeOf("/SoftwareUpdate/Installation/InstallSoftwarePackage");
 
     const reads = Number(values.reads);
     const localReads = [];
@@ -143,4 +146,6 @@ main().catch((error) => {
         }
     }
     fs.rmSync(work, { recursive: true, force: true });
+    // The in-process server and client may still hold timers after a failure.
+    process.exit();
 });

@@ -10,7 +10,7 @@ const path = require("node:path");
 const { after, before, test } = require("node:test");
 const {
     AttributeIds, BrowseDirection, DataType, MessageSecurityMode, OPCUACertificateManager, OPCUAClient,
-    SecurityPolicy, StatusCodes, UserTokenType, VariantArrayType, makeBrowsePath
+    SecurityPolicy, StatusCodes, TimestampsToReturn, UserTokenType, VariantArrayType, makeBrowsePath
 } = require("node-opcua");
 const { DeviceServer } = require("../src/DeviceServer");
 const { UpdateServiceClient } = require("../src/UpdateServiceClient");
@@ -135,7 +135,7 @@ async function transfer(session, name, bytes) {
 async function followState(session, name, last, action) {
     const subscription = await session.createSubscription2({ requestedPublishingInterval: 20, publishingEnabled: true });
     const item = await subscription.monitor({ nodeId: await nodeOf(session, await component(session, name), "/SoftwareUpdate/Installation/0:CurrentState"), attributeId: AttributeIds.Value },
-        { samplingInterval: 0, queueSize: 100 });
+        { samplingInterval: 0, queueSize: 100 }, TimestampsToReturn.Neither);
     const states = [];
     const reached = new Promise((resolve) => item.on("changed", (value) => states.push(value.value.value.text) > 1 && states.at(-1) === last && resolve()));
     await action();
