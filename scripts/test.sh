@@ -5,6 +5,7 @@
 #                                   tests (fuzz corpus replay included), then clang-tidy
 #   bash scripts/test.sh --quick    the default build and its tests only
 #   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default asan tsan armhf tidy
+# deps also installs the OPC UA server's npm packages (npm ci), whose end-to-end tests run in ctest.
 # Exits non-zero when any stage fails; every stage runs and a summary with timings closes the output.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -14,7 +15,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --quick) stages=(deps default) ;;
     --only) IFS=, read -r -a stages <<<"${2:?--only needs a list of stages}"; shift ;;
-    -h|--help) sed -n '2,8p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,9p' "$0"; exit 0 ;;
     *) echo "test.sh: unknown option '$1'" >&2; exit 2 ;;
   esac
   shift
