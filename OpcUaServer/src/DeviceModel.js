@@ -1,6 +1,6 @@
 "use strict";
 // The device in the DI DeviceSet and its software components, kept in step with the components that
-// the update service reports: the list once, then its watch events.
+// the update service reports: the snapshot of its watch, then its events.
 const { EventEmitter } = require("node:events");
 const { DataType, PermissionType, WellKnownRoles, makeRoles } = require("node-opcua");
 const { SoftwareComponent } = require("./SoftwareComponent");
