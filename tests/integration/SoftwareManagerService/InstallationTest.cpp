@@ -107,7 +107,7 @@ protected:
 
 TEST_F(InstallationTest, InstallationPassesThroughThePhasesAndSwitchesVersions)
 {
-    InstallFirstAndStageSecond({"--phase-delay-ms", "150"});
+    InstallFirstAndStageSecond({"--phase-delay-ms", ScaledOption(150)});
     ExpectInstalled("1.0.0");
     ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
     EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
@@ -176,7 +176,7 @@ class KillTest : public InstallationTest, public ::testing::WithParamInterface<s
 TEST_P(KillTest, AKilledInstallationIsReportedInterruptedCleanedAndResumable)
 {
     const auto [phase, words] = GetParam();
-    InstallFirstAndStageSecond({"--phase-delay-ms", "1000"});
+    InstallFirstAndStageSecond({"--phase-delay-ms", ScaledOption(1000)});
     ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
     ASSERT_TRUE(WaitFor([phase = phase](InstallationState s) { return s == phase; }));
     manager.Kill(SIGKILL);

@@ -49,7 +49,7 @@ protected:
         Pack("alpha-1.tar", "1.0.0", "one");
         Pack("alpha-2.tar", "2.0.0", "two");
         StartService();
-        Zun::System::Rsc::ServiceManager::RegisterEndpoint("Zun", {String(socket.string()), 5000});
+        Zun::System::Rsc::ServiceManager::RegisterEndpoint("Zun", {String(socket.string()), ScaledMilliseconds(5000)});
         module = CreateModule();
         module->Initialize(String("SoftwareUpdater"), statusFake);
     }
@@ -141,7 +141,7 @@ TEST_F(ModuleEndToEndTest, InstallsAndReportsAnInstallationKilledWithTheServiceA
 
     // The test controls apply to a whole run: restart slowed; the module reconnects by itself.
     manager.Kill(SIGTERM);
-    StartService({"--phase-delay-ms", "1000"});
+    StartService({"--phase-delay-ms", ScaledOption(1000)});
     StartThroughModule("alpha-2.tar", "2.0.0");
     ASSERT_TRUE(Eventually([&] { return manager.StateOf(Manager::SoftwareKind::GenericFiles, "Alpha") == Manager::InstallationState::Copying; }));
     manager.Kill(SIGKILL);

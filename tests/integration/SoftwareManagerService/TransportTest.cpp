@@ -100,7 +100,7 @@ TEST(TransportFailureTest, AnAbsentServiceGivesNoCommunicationAndLeavesTheResult
 {
     TemporaryFolder temp;
     const fs::path socket = temp / "nobody.sock";
-    auto proxy = MakeProxy(socket, 500);
+    auto proxy = MakeProxy(socket);
     InstallationState state = InstallationState::Copying;
     Text message("untouched");
     SoftwareInformation information;
@@ -138,7 +138,7 @@ TEST(TransportFailureTest, AnAnswerThatIsNotRightIsADecodingError)
         std::thread peer([&, reply = reply] {
             SocketChannel channel(::accept(listener, nullptr, nullptr));
             Frame request;
-            const Deadline deadline = Clock::now() + std::chrono::seconds(5);
+            const Deadline deadline = Clock::now() + Zun::Testing::Patience();
             if (channel.ReceiveFrame(request, deadline, deadline) == IoResult::Ok)
             {
                 channel.SendFrame(reply(request.header), deadline);
@@ -155,7 +155,9 @@ TEST(TransportFailureTest, AnAnswerThatIsNotRightIsADecodingError)
 TEST_F(TransportTest, AServiceThatStopsAnsweringTimesOutAndServesAgainWhenItGoesOn)
 {
     StartService();
-    auto proxy = MakeProxy(socket, 300);
+    // Expected to run out while the service is stopped, and not before: it answers the other calls.
+    const std::uint32_t timeout = ScaledMilliseconds(300);
+    auto proxy = MakeProxy(socket, timeout);
     InstallationState state = InstallationState::Copying;
     Text message;
     ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
@@ -167,7 +169,7 @@ TEST_F(TransportTest, AServiceThatStopsAnsweringTimesOutAndServesAgainWhenItGoes
     EXPECT_EQ(StatusCodes::BadTimeout, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
     ExpectThrow<InvalidOperationException>([&] { proxy->GetAllSoftwareInformation(); },
                                            "GetAllSoftwareInformation failed with status 0x800A0000: The software manager service at '" +
-                                               socket.string() + "' did not answer GetAllSoftwareInformation within 300 ms.");
+                                               socket.string() + "' did not answer GetAllSoftwareInformation within " + std::to_string(timeout) + " ms.");
     ::kill(manager.Pid(), SIGCONT);
     // The late answers to the abandoned requests must not be taken for the next ones.
     SoftwareInformation information;
@@ -215,7 +217,7 @@ TEST_F(TransportTest, ConcurrentCallersAllGetTheirOwnAnswers)
 TEST_F(TransportTest, TheProxyReconnectsAfterTheServiceRestarts)
 {
     StartService();
-    auto proxy = MakeProxy(socket, 1000);
+    auto proxy = MakeProxy(socket);
     InstallationState state = InstallationState::Copying;
     Text message;
     ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
@@ -242,7 +244,7 @@ std::vector<std::uint8_t> Header(std::uint32_t magic, std::uint8_t version, std:
 TEST_F(TransportTest, BadFramesAreRefusedAndTheServiceGoesOn)
 {
     StartService();
-    const Deadline deadline = Clock::now() + std::chrono::seconds(10);
+    const Deadline deadline = Clock::now() + Zun::Testing::Patience();
     // A bad header ends the connection with an error frame, since the stream cannot be resynchronised.
     const std::pair<std::vector<std::uint8_t>, const char*> headers[] = {
         {Header(0x12345678u, 1, 3, 0), "Bad frame magic 0x12345678."},

@@ -183,7 +183,19 @@ private:
     int exitCode = -1;
 };
 
-inline std::unique_ptr<Manager::ISoftwareManagerService> MakeProxy(const fs::path& socket, std::uint32_t timeoutMilliseconds = 5000)
+// A bound in milliseconds for a program's option (a call's time-out, a test's phase delay).
+inline std::uint32_t ScaledMilliseconds(std::uint32_t base)
+{
+    return static_cast<std::uint32_t>(Zun::Testing::Scaled(std::chrono::milliseconds(base)).count());
+}
+
+inline std::string ScaledOption(std::uint32_t baseMilliseconds)
+{
+    return std::to_string(ScaledMilliseconds(baseMilliseconds));
+}
+
+// The default time-out is one that a healthy service never reaches.
+inline std::unique_ptr<Manager::ISoftwareManagerService> MakeProxy(const fs::path& socket, std::uint32_t timeoutMilliseconds = ScaledMilliseconds(5000))
 {
     System::Rsc::IRscService* service =
         Manager::SoftwareManagerServiceProxyFactory::GetInstance().CreateProxy(System::Rsc::RscEndpoint{String(socket.string()), timeoutMilliseconds});
@@ -211,7 +223,7 @@ public:
         return Eventually([&] {
             Manager::Transport::SocketChannel channel;
             return child->HasEnded() ||
-                   Manager::Transport::SocketChannel::Connect(socket.string(), Manager::Transport::Clock::now() + std::chrono::milliseconds(100),
+                   Manager::Transport::SocketChannel::Connect(socket.string(), Manager::Transport::Clock::now() + Zun::Testing::Scaled(std::chrono::milliseconds(100)),
                                                               channel) == Manager::Transport::IoResult::Ok;
         }) && !child->HasEnded();
     }

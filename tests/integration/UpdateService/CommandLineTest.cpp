@@ -39,7 +39,7 @@ protected:
     std::vector<std::string> Arguments(const std::vector<std::string>& command) const
     {
         std::vector<std::string> arguments{BinaryPath("zun-update"), "--store", store.string(), "--socket", manager.Socket().string(),
-                                           "--plugin", ZUN_PLUGIN_PATH};
+                                           "--plugin", ZUN_PLUGIN_PATH, "--timeout-ms", ScaledOption(5000)};
         arguments.insert(arguments.end(), command.begin(), command.end());
         return arguments;
     }
@@ -148,16 +148,16 @@ TEST_P(CommandLineEndTest, SettledAndAnnouncedOnceByTheNextStart)
 
 INSTANTIATE_TEST_SUITE_P(
     KilledDuringInstall, CommandLineEndTest,
-    ::testing::Values(EndCase{"NewVersion", {"--phase-delay-ms", "400"}, "Idle", nullptr, "1.1.0", "Succeeded",
+    ::testing::Values(EndCase{"NewVersion", {"--phase-delay-ms", ScaledOption(400)}, "Idle", nullptr, "1.1.0", "Succeeded",
                               "Installation of 'Sample project' (version: 1.1.0) successful.", 1},
-                      EndCase{"KeepVersion", {"--phase-delay-ms", "400", "--keep-version"}, "Error",
+                      EndCase{"KeepVersion", {"--phase-delay-ms", ScaledOption(400), "--keep-version"}, "Error",
                               "Expected version is 1.1.0 but current version is 1.0.0.", "1.0.0", "Failed",
                               "Failed to install 'Sample project' (version: 1.1.0). Reason: Expected version is 1.1.0 but current version is 1.0.0..", 3}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(CommandLineTest, FailureInTheManagerIsAnErrorThatResumeTakesBack)
 {
-    StartManager({"--phase-delay-ms", "50", "--fail-phase", "copy"});
+    StartManager({"--phase-delay-ms", ScaledOption(50), "--fail-phase", "copy"});
     const CliResult idle = Run({"resume", Files});
     EXPECT_EQ(idle.exitCode, 1);
     EXPECT_EQ(idle.output, "Bad_InvalidState\n");
@@ -174,7 +174,7 @@ TEST_F(CommandLineTest, FailureInTheManagerIsAnErrorThatResumeTakesBack)
 
     // Without the fault the manager can finish what it resumes.
     manager.Kill(SIGTERM);
-    StartManager({"--phase-delay-ms", "50"});
+    StartManager({"--phase-delay-ms", ScaledOption(50)});
     EXPECT_EQ(RunJson({"resume", Files})["statusCode"], "Good");
     ASSERT_TRUE(manager.WaitUntilSettled(Manager::SoftwareKind::GenericFiles, "Sample files"));
     EXPECT_EQ(RunJson({"status", Files})["state"], "Idle");

@@ -40,7 +40,7 @@ std::vector<String> Names(const std::vector<ComponentStatus>& components)
 class ServiceHostTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { ASSERT_TRUE(manager.Start({"--phase-delay-ms", "50"})) << manager.Log(); }
+    void SetUp() override { ASSERT_TRUE(manager.Start({"--phase-delay-ms", ScaledOption(50)})) << manager.Log(); }
 
     ServiceHostOptions Options(const std::string& store = "state/zun-update/store.db") const
     {
@@ -48,6 +48,7 @@ protected:
         options.pluginPath = ZUN_PLUGIN_PATH;
         options.storePath = (folder / store).string();
         options.socketPath = manager.Socket().string();
+        options.timeoutMilliseconds = ScaledMilliseconds(5000);
         return options;
     }
 
@@ -171,7 +172,7 @@ TEST_F(ServiceHostTest, ListenersFollowAnInstallationThatTheStatusThreadSeesToIt
     EXPECT_EQ(message, "Package 'sample-files-1.1.0.tar' staged: version 1.1.0.");
     ASSERT_EQ(host.InstallSoftwarePackage(Files, "1.1.0", "https://example.com/zun", {}), StatusCodes::Good);
 
-    ASSERT_TRUE(listener->idleAgain.WaitFor(std::chrono::seconds(30)));
+    ASSERT_TRUE(listener->idleAgain.WaitFor());
     {
         std::lock_guard<std::mutex> lock(listener->mutex);
         EXPECT_THAT(listener->states, ElementsAre(UpdateInstallationState::Installing, UpdateInstallationState::Idle));

@@ -28,7 +28,7 @@ const char* const StopLine = "Stop UpdateStatus Thread";
 template <class Predicate>
 bool WaitUntil(Predicate done)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + Zun::Testing::Patience();
     while (!done())
     {
         if (std::chrono::steady_clock::now() > deadline)
