@@ -1,6 +1,7 @@
-// GetStatus of the updater module, loaded from the plug-in file, against a running
-// zun-software-manager process, compared with a raw request/response of the same byte counts over
-// a Unix socket pair. The byte counts are measured first through a counting relay.
+// GetStatus of the updater module, loaded from the plug-in file, against the software manager
+// service on a thread of this process, compared with a raw round trip of the same bytes over a Unix
+// socket pair. A counting relay first checks that one GetStatus puts exactly one GetInstallationState
+// exchange on the socket; the raw side repeats that exchange's bytes.
 #include <dlfcn.h>
 #include <poll.h>
 #include <signal.h>
@@ -78,7 +79,10 @@ public:
         records[name].status.ErrorMessage = Zun::System::Rsc::RscString<512>(text);
     }
     void SetPercentComplete(const String& /*name*/, std::uint8_t /*percent*/) override {}
-    bool SwitchToInstalling(const String& name, bool /*needsPreparation*/) override { return Switch(name, HostState::Idle, HostState::Installing); }
+    bool SwitchToInstalling(const String& name, bool /*needsPreparation*/) override
+    {
+        return Switch(name, HostState::Idle, HostState::Installing);
+    }
     void FinishInstallation(const String& name, bool success) override
     {
         Switch(name, HostState::Installing, success ? HostState::Idle : HostState::Error);
@@ -150,7 +154,8 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::snprintf(address.sun_path, sizeof address.sun_path, "%s", listenPath.c_str());
-        if (::bind(listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(listenFd, 4) != 0 || ::pipe(stopPipe) != 0)
+        if (::bind(listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(listenFd, 4) != 0 ||
+            ::pipe(stopPipe) != 0)
         {
             throw std::runtime_error(std::string("relay: ") + std::strerror(errno));
         }
@@ -243,14 +248,14 @@ Exchange exchange;
 
 std::unique_ptr<IUpdaterModule> InitializedModule(const fs::path& endpoint)
 {
-    Zun::System::Rsc::ServiceManager::RegisterEndpoint("Zun", {String(endpoint.string()), 5000});
+    Zun::System::Rsc::ServiceManager::RegisterEndpoint("Zun", {String(endpoint.string()), 30000});
     auto created = entry(*Zun::Singleton<Zun::AppDomain>::pInstance)->GetFactory().CreateModule(String("SoftwareUpdater"));
     created->Initialize(String("SoftwareUpdater"), statusStore);
     return created;
 }
 
 // Bytes that cross the socket for one module GetStatus, averaged over many calls.
-Exchange MeasureGetStatus(const fs::path& folder)
+std::pair<std::size_t, std::size_t> MeasureGetStatus(const fs::path& folder)
 {
     constexpr std::size_t Calls = 100;
     const fs::path relayPath = folder / "relay.sock";
@@ -271,33 +276,39 @@ Exchange MeasureGetStatus(const fs::path& folder)
 
 void BM_ModuleGetStatus(benchmark::State& state)
 {
+    Record record;
+    const std::size_t before = Zun::Bench::Allocations();
     for (auto _ : state)
     {
-        Record record;
         if (module->GetStatus(Component, record) != 0 || record.InstallationState != HostState::Idle)
         {
             state.SkipWithError("GetStatus failed");
             break;
         }
     }
-    state.counters["request_bytes"] = static_cast<double>(exchange.request);
-    state.counters["response_bytes"] = static_cast<double>(exchange.response);
+    Zun::Bench::SetAllocationsPerCall(state, before);
+    state.counters["request_bytes"] = static_cast<double>(exchange.request.size());
+    state.counters["response_bytes"] = static_cast<double>(exchange.response.size());
 }
 BENCHMARK(BM_ModuleGetStatus);
 
 // The transport alone for the same call, to split the module's share from the transport's.
 void BM_ProxyGetInstallationState(benchmark::State& state)
 {
-    InstallationState installationState = InstallationState::Idle;
+    InstallationState installationState = InstallationState::Preparing;
+    const Zun::System::Rsc::RscString<512> name("Sample files");
     Zun::System::Rsc::RscString<512> message;
+    const std::size_t before = Zun::Bench::Allocations();
     for (auto _ : state)
     {
-        if (proxy->GetInstallationState(SoftwareKind::GenericFiles, Zun::System::Rsc::RscString<512>("Sample files"), installationState, message) != 0)
+        if (proxy->GetInstallationState(SoftwareKind::GenericFiles, name, installationState, message) != 0 ||
+            installationState != InstallationState::Idle)
         {
             state.SkipWithError("GetInstallationState failed");
             break;
         }
     }
+    Zun::Bench::SetAllocationsPerCall(state, before);
 }
 BENCHMARK(BM_ProxyGetInstallationState);
 
@@ -312,52 +323,60 @@ BENCHMARK(BM_RawSameBytes);
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    const Zun::Bench::ManagerProcess manager;
-    socketPath = manager.SocketPath();
-
-    // The host side: an application domain with a notification manager, and the plug-in.
-    Zun::AppDomain appDomain;
-    Zun::System::Nm::NotificationManager notifications;
-    appDomain.SetSingleton<Zun::System::Nm::INotificationManager>(&notifications);
-    Zun::Singleton<Zun::AppDomain>::pInstance = &appDomain;
-    void* handle = ::dlopen(ZUN_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    entry = handle == nullptr ? nullptr : reinterpret_cast<EntryFunction>(::dlsym(handle, "CreateSoftwareUpdateModuleLibrary"));
-    statusStore = std::make_shared<MemoryStatus>();
-
     int result = 1;
-    if (entry == nullptr)
     {
-        std::fprintf(stderr, "cannot load the plug-in: %s\n", ::dlerror());
-    }
-    else if (!manager.WaitUntilReady())
-    {
-        std::fprintf(stderr, "the software manager service did not start\n");
-    }
-    else
-    {
-        exchange = MeasureGetStatus(manager.Folder());
-        module = InitializedModule(socketPath);
-        proxy = std::make_unique<SoftwareManagerServiceProxy>(Zun::System::Rsc::RscEndpoint{String(socketPath.string()), 5000});
-        if (exchange.request == 0 || exchange.response == 0)
+        const Zun::Bench::ServiceUnderTest service;
+        socketPath = service.SocketPath();
+
+        // The host side: an application domain with a notification manager, and the plug-in.
+        Zun::AppDomain appDomain;
+        Zun::System::Nm::NotificationManager notifications;
+        appDomain.SetSingleton<Zun::System::Nm::INotificationManager>(&notifications);
+        Zun::Singleton<Zun::AppDomain>::pInstance = &appDomain;
+        void* handle = ::dlopen(ZUN_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+        entry = handle == nullptr ? nullptr : reinterpret_cast<EntryFunction>(::dlsym(handle, "CreateSoftwareUpdateModuleLibrary"));
+        statusStore = std::make_shared<MemoryStatus>();
+
+        if (entry == nullptr)
         {
-            std::fprintf(stderr, "GetStatus through the relay failed\n");
+            std::fprintf(stderr, "cannot load the plug-in: %s\n", ::dlerror());
         }
         else
         {
-            RatioReporter reporter;
-            benchmark::RunSpecifiedBenchmarks(&reporter);
-            std::printf("\nBytes per module GetStatus: %zu to the service, %zu back\n", exchange.request, exchange.response);
-            std::printf("Module GetStatus through the transport / raw round trip of the same bytes: %.2f\n",
-                        reporter.Ratio("BM_ModuleGetStatus", "BM_RawSameBytes"));
-            std::printf("Module GetStatus / proxy GetInstallationState alone: %.2f\n", reporter.Ratio("BM_ModuleGetStatus", "BM_ProxyGetInstallationState"));
-            result = 0;
+            const auto [toService, fromService] = MeasureGetStatus(service.Folder());
+            // What one GetInstallationState of the component puts on the wire, byte for byte.
+            std::vector<std::uint8_t> request;
+            Zun::System::Rsc::RemotingWriter writer(request);
+            BeginFrame(request);
+            WriteKind(writer, SoftwareKind::GenericFiles);
+            WriteText(writer, Zun::System::Rsc::RscString<512>("Sample files"));
+            FinishFrame(request, FrameType::Request, Operation::GetInstallationState, 1);
+            exchange = service.Capture(request);
+            module = InitializedModule(socketPath);
+            proxy = std::make_unique<SoftwareManagerServiceProxy>(Zun::System::Rsc::RscEndpoint{String(socketPath.string()), 30000});
+            if (toService == 0 || toService != exchange.request.size() || fromService != exchange.response.size())
+            {
+                std::fprintf(stderr, "one GetStatus put %zu bytes to the service and %zu back; one GetInstallationState is %zu and %zu\n",
+                             toService, fromService, exchange.request.size(), exchange.response.size());
+            }
+            else
+            {
+                RatioReporter reporter;
+                benchmark::RunSpecifiedBenchmarks(&reporter);
+                std::printf("\nBytes per module GetStatus: %zu to the service, %zu back\n", toService, fromService);
+                RatioReporter::Print("module_getstatus_vs_raw", reporter.Ratio("BM_ModuleGetStatus", "BM_RawSameBytes"));
+                RatioReporter::Print("module_share_of_proxy_call", reporter.Ratio("BM_ModuleGetStatus", "BM_ProxyGetInstallationState"));
+                RatioReporter::Print("allocations_per_call/ModuleGetStatus",
+                                     reporter.Counter("BM_ModuleGetStatus", "allocations_per_call"));
+                result = 0;
+            }
         }
+        module.reset();
+        proxy.reset();
+        Zun::System::Rsc::ServiceManager::UnregisterProvider("Zun");
+        Zun::Singleton<Zun::AppDomain>::pInstance = nullptr;
+        appDomain.RemoveSingleton<Zun::System::Nm::INotificationManager>();
     }
-    module.reset();
-    proxy.reset();
-    Zun::System::Rsc::ServiceManager::UnregisterProvider("Zun");
-    Zun::Singleton<Zun::AppDomain>::pInstance = nullptr;
-    appDomain.RemoveSingleton<Zun::System::Nm::INotificationManager>();
     benchmark::Shutdown();
     return result;
 }

@@ -1,7 +1,10 @@
-// A console reporter that also remembers each benchmark's time per iteration, so that a program can
-// print ratios of benchmarks measured in the same run.
+// A console reporter that also remembers each benchmark's time per iteration (the median when the
+// benchmark is repeated) and its counters, so that a program can print ratios of benchmarks
+// measured in the same run. Ratio lines have one form, "ratio <name> <value>", which
+// scripts/bench.sh collects.
 #pragma once
 
+#include <cstdio>
 #include <map>
 #include <string>
 
@@ -14,9 +17,20 @@ public:
     {
         for (const Run& run : runs)
         {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0)
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            const bool single = run.run_type == Run::RT_Iteration && run.iterations > 0 && !run.error_occurred;
+            const std::string name = run.run_name.function_name;
+            if ((median || (single && medians.count(name) == 0)) && run.iterations > 0)
             {
-                nanoseconds[run.benchmark_name()] = run.GetAdjustedRealTime() * (run.time_unit == benchmark::kMicrosecond ? 1e3 : run.time_unit == benchmark::kMillisecond ? 1e6 : 1.0);
+                nanoseconds[name] = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
+                for (const auto& [counter, value] : run.counters)
+                {
+                    counters[name + "/" + counter] = value.value;
+                }
+                if (median)
+                {
+                    medians[name] = true;
+                }
             }
         }
         ConsoleReporter::ReportRuns(runs);
@@ -30,6 +44,23 @@ public:
         return x == nanoseconds.end() || y == nanoseconds.end() || y->second == 0 ? 0.0 : x->second / y->second;
     }
 
+    double Nanoseconds(const std::string& name) const
+    {
+        const auto x = nanoseconds.find(name);
+        return x == nanoseconds.end() ? 0.0 : x->second;
+    }
+
+    // A counter of the last reported run of `name`; -1 when there is none.
+    double Counter(const std::string& name, const std::string& counter) const
+    {
+        const auto x = counters.find(name + "/" + counter);
+        return x == counters.end() ? -1.0 : x->second;
+    }
+
+    static void Print(const char* name, double value) { std::printf("ratio %s %.3f\n", name, value); }
+
 private:
     std::map<std::string, double> nanoseconds;
+    std::map<std::string, double> counters;
+    std::map<std::string, bool> medians;
 };

@@ -286,16 +286,29 @@ ManagerService::Component* ManagerService::Find(SoftwareKind kind, const Name& n
     return component;
 }
 
-SoftwareInformation ManagerService::Describe(const Component& component) const
+// Assigns into `information`, so that a record kept by the caller reuses its lists' storage.
+void ManagerService::Describe(const Component& component, SoftwareInformation& information) const
 {
-    SoftwareInformation information;
     information.Name = String(component.name);
     information.Kind = component.kind;
     information.HasCurrentManifest = component.current.has_value();
-    information.CurrentManifest = component.current ? *component.current : AbsentManifest();
+    if (component.current)
+    {
+        information.CurrentManifest = *component.current;
+    }
+    else
+    {
+        information.CurrentManifest = AbsentManifest();
+    }
     information.HasPendingManifest = component.pending.has_value();
-    information.PendingManifest = component.pending ? *component.pending : AbsentManifest();
-    return information;
+    if (component.pending)
+    {
+        information.PendingManifest = *component.pending;
+    }
+    else
+    {
+        information.PendingManifest = AbsentManifest();
+    }
 }
 
 std::vector<SoftwareInformation> ManagerService::GetAllSoftwareInformation()
@@ -315,7 +328,7 @@ std::vector<SoftwareInformation> ManagerService::GetAllSoftwareInformation()
             it = components.erase(it);
             continue;
         }
-        list.push_back(Describe(*it->second));
+        Describe(*it->second, list.emplace_back());
         ++it;
     }
     return list;
@@ -330,7 +343,7 @@ ServiceStatusCode ManagerService::GetSoftwareInformation(SoftwareKind kind, cons
     {
         return status;
     }
-    information = Describe(*component);
+    Describe(*component, information);
     return Codes::Good;
 }
 
@@ -496,11 +509,11 @@ ServiceStatusCode ManagerService::RemoveSoftwarePackage(SoftwareKind kind, const
 
 ServiceStatusCode ManagerService::GetPackageDirectory(System::Rsc::RscString<512>& directory)
 {
-    if (incomingDirectory.string().size() >= 512)
+    if (incomingDirectory.native().size() >= 512)
     {
         return Codes::BadResponseTooLarge;
     }
-    directory = String(incomingDirectory.string());
+    directory = System::Rsc::RscString<512>(incomingDirectory.c_str());
     return Codes::Good;
 }
 

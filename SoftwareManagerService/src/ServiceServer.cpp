@@ -75,7 +75,8 @@ void ServiceServer::Listen()
     address.sun_family = AF_UNIX;
     if (socketPath.size() >= sizeof address.sun_path)
     {
-        throw System::Commons::InvalidOperationException("The socket path '{0}' is longer than {1} bytes.", socketPath, sizeof address.sun_path - 1);
+        throw System::Commons::InvalidOperationException("The socket path '{0}' is longer than {1} bytes.", socketPath,
+                                                         sizeof address.sun_path - 1);
     }
     std::memcpy(address.sun_path, socketPath.data(), socketPath.size());
     PrepareSocketDirectory(fs::path(static_cast<const std::string&>(socketPath)).parent_path());
@@ -101,8 +102,8 @@ void ServiceServer::Listen()
     listenFd = PosixCall("socket", ::socket, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const mode_t previous = ::umask(0177);
     int bindError = 0;
-    System::Commons::PosixCallAllowing("bind", {EADDRINUSE, EACCES}, bindError, ::bind, listenFd, reinterpret_cast<const sockaddr*>(&address),
-                                       static_cast<socklen_t>(sizeof address));
+    System::Commons::PosixCallAllowing("bind", {EADDRINUSE, EACCES}, bindError, ::bind, listenFd,
+                                       reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(sizeof address));
     ::umask(previous);
     if (bindError != 0)
     {
@@ -138,9 +139,8 @@ void ServiceServer::ReapFinished()
     }
 }
 
-void ServiceServer::Run(int stopFdIn)
+void ServiceServer::Run(int stopFd)
 {
-    stopFd = stopFdIn;
     for (;;)
     {
         pollfd fds[2] = {{listenFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
@@ -154,8 +154,8 @@ void ServiceServer::Run(int stopFdIn)
             continue;
         }
         int acceptError = 0;
-        const int fd = System::Commons::PosixCallAllowing("accept4", {EAGAIN, EWOULDBLOCK, ECONNABORTED, EMFILE, ENFILE}, acceptError, ::accept4,
-                                                          listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = System::Commons::PosixCallAllowing("accept4", {EAGAIN, EWOULDBLOCK, ECONNABORTED, EMFILE, ENFILE}, acceptError,
+                                                          ::accept4, listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0)
         {
             if (acceptError == EMFILE || acceptError == ENFILE)
@@ -178,18 +178,27 @@ void ServiceServer::Run(int stopFdIn)
         if (connections.size() >= MaxConnections)
         {
             log.Log(3, "Refused a connection: {0} connections are open already", connections.size());
-            channel.SendFrame(ErrorFrame(Operation::None, 0, StatusCodes::BadTooManyOperations, "Too many connections to the software manager service."),
-                              Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds));
+            channel.SendFrame(
+                ErrorFrame(Operation::None, 0, StatusCodes::BadTooManyOperations, "Too many connections to the software manager service."),
+                Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds));
             continue;
         }
         auto connection = std::make_unique<Connection>();
         Connection& ref = *connection;
         connections.push_back(std::move(connection));
-        const int owned = channel.Release();
-        ref.thread = std::thread([this, owned, &ref] { Serve(owned, ref); });
+        ref.fd = channel.Release();
+        ref.thread = std::thread([this, &ref] { Serve(ref); });
     }
     for (auto& connection : connections)
     {
+        {
+            // Ends a wait for the next request; an answer being sent fails and ends its thread too.
+            std::lock_guard<std::mutex> lock(connection->mutex);
+            if (connection->fd >= 0)
+            {
+                ::shutdown(connection->fd, SHUT_RDWR);
+            }
+        }
         connection->thread.join();
     }
     connections.clear();
@@ -198,19 +207,22 @@ void ServiceServer::Run(int stopFdIn)
     ::unlink(socketPath.c_str());
 }
 
-void ServiceServer::Serve(int fd, Connection& connection)
+void ServiceServer::Serve(Connection& connection)
 {
-    SocketChannel channel(fd);
+    SocketChannel channel;
     try
     {
+        channel = SocketChannel(connection.fd);
+        // Kept from request to request, so that serving a connection allocates nothing in the steady state.
+        Frame request;
+        Reply reply;
         for (;;)
         {
-            Frame request;
             IoResult result = IoResult::Ok;
             try
             {
                 // Idle between frames for as long as the client likes; a begun frame must finish in time.
-                result = channel.ReceiveFrame(request, NoDeadline, Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds), stopFd);
+                result = channel.ReceiveFrameWithin(request, std::chrono::milliseconds(FrameTimeoutMilliseconds));
             }
             catch (const System::Rsc::RemotingException& e)
             {
@@ -228,8 +240,8 @@ void ServiceServer::Serve(int fd, Connection& connection)
                 }
                 break;
             }
-            const std::vector<std::uint8_t> response = Dispatch(request);
-            if (channel.SendFrame(response, Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds)) != IoResult::Ok)
+            Dispatch(request, reply);
+            if (channel.SendFrame(reply.frame, Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds)) != IoResult::Ok)
             {
                 break;
             }
@@ -239,50 +251,58 @@ void ServiceServer::Serve(int fd, Connection& connection)
     {
         log.Log(3, "Connection ended by an error: {0}", e.what());
     }
-    channel.Close();
+    {
+        std::lock_guard<std::mutex> lock(connection.mutex);
+        channel.Release();
+        ::close(connection.fd);
+        connection.fd = -1;
+    }
     connection.done.store(true);
 }
 
-std::vector<std::uint8_t> ServiceServer::Dispatch(const Frame& request)
+void ServiceServer::Dispatch(const Frame& request, Reply& reply)
 {
+    std::vector<std::uint8_t>& response = reply.frame;
+    RemotingWriter& writer = reply.writer;
     const Operation operation = request.header.operation;
     const std::uint32_t id = request.header.requestId;
+    const auto fail = [&](std::uint32_t status, const String& message) {
+        BeginFrame(response);
+        WriteErrorPayload(writer, status, message);
+        FinishFrame(response, FrameType::Error, operation, id);
+    };
     if (request.header.type != FrameType::Request || operation == Operation::None)
     {
-        return ErrorFrame(operation, id, StatusCodes::BadDecodingError, "Only request frames of a known operation are accepted.");
+        fail(StatusCodes::BadDecodingError, "Only request frames of a known operation are accepted.");
+        return;
     }
-    std::vector<std::uint8_t> payload;
+    BeginFrame(response);
     try
     {
         RemotingReader reader(request.payload.data(), request.payload.size());
-        RemotingWriter writer(payload);
         switch (operation)
         {
-        case Operation::GetAllSoftwareInformation:
-        {
+        case Operation::GetAllSoftwareInformation: {
             ExpectEnd(reader);
             const std::vector<SoftwareInformation> list = service.GetAllSoftwareInformation();
             WriteStatus(writer, StatusCodes::Good);
             WriteRecordList(writer, list);
             break;
         }
-        case Operation::GetSoftwareInformation:
-        {
+        case Operation::GetSoftwareInformation: {
             const auto kind = ReadKind(reader);
             RscString<512> name;
             ReadText(reader, name);
             ExpectEnd(reader);
-            SoftwareInformation information;
-            const auto status = service.GetSoftwareInformation(kind, name, information);
+            const auto status = service.GetSoftwareInformation(kind, name, reply.information);
             WriteStatus(writer, status);
             if (status == StatusCodes::Good)
             {
-                WriteRecord(writer, information);
+                WriteRecord(writer, reply.information);
             }
             break;
         }
-        case Operation::GetInstallationState:
-        {
+        case Operation::GetInstallationState: {
             const auto kind = ReadKind(reader);
             RscString<512> name;
             ReadText(reader, name);
@@ -298,8 +318,7 @@ std::vector<std::uint8_t> ServiceServer::Dispatch(const Frame& request)
             }
             break;
         }
-        case Operation::SetSoftwarePackage:
-        {
+        case Operation::SetSoftwarePackage: {
             const auto kind = ReadKind(reader);
             RscString<512> name;
             RscString<512> package;
@@ -312,8 +331,7 @@ std::vector<std::uint8_t> ServiceServer::Dispatch(const Frame& request)
             WriteText(writer, message);
             break;
         }
-        case Operation::GetPackageDirectory:
-        {
+        case Operation::GetPackageDirectory: {
             ExpectEnd(reader);
             RscString<512> directory;
             const auto status = service.GetPackageDirectory(directory);
@@ -326,8 +344,7 @@ std::vector<std::uint8_t> ServiceServer::Dispatch(const Frame& request)
         }
         case Operation::RemoveSoftwarePackage:
         case Operation::StartInstallation:
-        case Operation::ResumeInstallation:
-        {
+        case Operation::ResumeInstallation: {
             const auto kind = ReadKind(reader);
             RscString<512> name;
             ReadText(reader, name);
@@ -345,19 +362,23 @@ std::vector<std::uint8_t> ServiceServer::Dispatch(const Frame& request)
     catch (const System::Rsc::RemotingException& e)
     {
         log.Log(3, "{0}: malformed request: {1}", GetOperationName(operation), e.GetMessage());
-        return ErrorFrame(operation, id, StatusCodes::BadDecodingError, Exception::Format("Malformed request: {0}", e.GetMessage()));
+        fail(StatusCodes::BadDecodingError, Exception::Format("Malformed request: {0}", e.GetMessage()));
+        return;
     }
     catch (const std::exception& e)
     {
         log.Log(3, "{0} failed: {1}", GetOperationName(operation), e.what());
-        return ErrorFrame(operation, id, StatusCodes::BadInternalError, Exception::Format("{0} failed: {1}", GetOperationName(operation), e.what()));
+        fail(StatusCodes::BadInternalError, Exception::Format("{0} failed: {1}", GetOperationName(operation), e.what()));
+        return;
     }
-    if (payload.size() > MaxPayloadSize)
+    const std::size_t payloadSize = response.size() - FrameHeaderSize;
+    if (payloadSize > MaxPayloadSize)
     {
-        return ErrorFrame(operation, id, StatusCodes::BadResponseTooLarge,
-                          Exception::Format("The response of {0} bytes exceeds the limit of {1} bytes.", payload.size(), MaxPayloadSize));
+        fail(StatusCodes::BadResponseTooLarge,
+             Exception::Format("The response of {0} bytes exceeds the limit of {1} bytes.", payloadSize, MaxPayloadSize));
+        return;
     }
-    return EncodeFrame(FrameType::Response, operation, id, payload);
+    FinishFrame(response, FrameType::Response, operation, id);
 }
 
 } // namespace Zun::Services::SoftwareManager::Service

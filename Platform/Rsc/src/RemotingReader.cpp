@@ -21,18 +21,29 @@ std::uint32_t DecodeUInt32(const std::uint8_t* bytes) noexcept
 
 } // namespace
 
-RemotingReader::RemotingReader(const std::uint8_t* data, std::size_t size)
-    : RemotingReader(data, size, std::make_shared<std::size_t>(0), 0)
+RemotingReader::RemotingReader(const std::uint8_t* data, std::size_t size) : RemotingReader(data, size, nullptr, 0)
 {
-    if (data == nullptr && size != 0)
+    position = &ownPosition;
+    Reset(data, size);
+}
+
+RemotingReader::RemotingReader(const std::uint8_t* data, std::size_t size, std::size_t* position, unsigned depth)
+    : data(data), size(size), position(position), depth(depth)
+{
+}
+
+void RemotingReader::Reset(const std::uint8_t* newData, std::size_t newSize)
+{
+    if (newData == nullptr && newSize != 0)
     {
         throw Commons::ArgumentException::Create("data", "Data to read must not be null.");
     }
-}
-
-RemotingReader::RemotingReader(const std::uint8_t* data, std::size_t size, std::shared_ptr<std::size_t> position, unsigned depth)
-    : data(data), size(size), position(std::move(position)), depth(depth)
-{
+    for (RemotingReader* reader = this; reader != nullptr; reader = reader->nested.get())
+    {
+        reader->data = newData;
+        reader->size = newSize;
+    }
+    *position = 0;
 }
 
 RemotingReader::~RemotingReader() = default;
@@ -53,8 +64,7 @@ void RemotingReader::ReadTag(RscType expected)
     const std::uint8_t tag = data[*position];
     if (tag != static_cast<std::uint8_t>(expected))
     {
-        throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag),
-                                static_cast<unsigned>(expected));
+        throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag), static_cast<unsigned>(expected));
     }
     ++*position;
 }
@@ -87,8 +97,7 @@ void RemotingReader::ReadStringInternal(char* buffer, std::size_t capacity, RscS
     const std::size_t length = DecodeUInt32(header + 1);
     if (length >= capacity)
     {
-        throw RemotingException("String of {0} bytes does not fit a capacity of {1} bytes with its terminator.", length,
-                                capacity);
+        throw RemotingException("String of {0} bytes does not fit a capacity of {1} bytes with its terminator.", length, capacity);
     }
     offset += 5;
     Require(offset + length);

@@ -60,7 +60,6 @@ void RemotingWriter::WriteStringInternal(const char* text, std::size_t capacity,
     {
         throw RemotingException("String of {0} bytes is longer than {1} bytes.", length, MaxCount);
     }
-    buffer.reserve(buffer.size() + (withTag ? 1 : 0) + 1 + 4 + length);
     if (withTag)
     {
         WriteTag(RscType::String);

@@ -118,21 +118,35 @@ FrameHeader DecodeFrameHeader(const std::uint8_t* data, std::size_t size)
     return header;
 }
 
-std::vector<std::uint8_t> EncodeFrame(FrameType type, Operation operation, std::uint32_t requestId, const std::vector<std::uint8_t>& payload)
+std::vector<std::uint8_t> EncodeFrame(FrameType type, Operation operation, std::uint32_t requestId,
+                                      const std::vector<std::uint8_t>& payload)
 {
-    if (payload.size() > MaxPayloadSize)
+    std::vector<std::uint8_t> frame;
+    frame.reserve(FrameHeaderSize + payload.size());
+    BeginFrame(frame);
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    FinishFrame(frame, type, operation, requestId);
+    return frame;
+}
+
+void BeginFrame(std::vector<std::uint8_t>& frame)
+{
+    frame.assign(FrameHeaderSize, 0);
+}
+
+void FinishFrame(std::vector<std::uint8_t>& frame, FrameType type, Operation operation, std::uint32_t requestId)
+{
+    const std::size_t payloadSize = frame.size() - FrameHeaderSize;
+    if (payloadSize > MaxPayloadSize)
     {
-        throw RemotingException("Frame payload of {0} bytes exceeds the limit of {1} bytes.", payload.size(), MaxPayloadSize);
+        throw RemotingException("Frame payload of {0} bytes exceeds the limit of {1} bytes.", payloadSize, MaxPayloadSize);
     }
-    std::vector<std::uint8_t> frame(FrameHeaderSize + payload.size());
     FrameHeader header;
     header.type = type;
     header.operation = operation;
     header.requestId = requestId;
-    header.payloadLength = static_cast<std::uint32_t>(payload.size());
+    header.payloadLength = static_cast<std::uint32_t>(payloadSize);
     EncodeFrameHeader(header, frame.data());
-    std::copy(payload.begin(), payload.end(), frame.begin() + FrameHeaderSize);
-    return frame;
 }
 
 void WriteKind(RemotingWriter& writer, SoftwareKind kind)
@@ -232,15 +246,20 @@ void ExpectEnd(const RemotingReader& reader)
     }
 }
 
-std::vector<std::uint8_t> EncodeErrorPayload(std::uint32_t status, const String& message)
+void WriteErrorPayload(RemotingWriter& writer, std::uint32_t status, const String& message)
 {
     System::Rsc::RscString<512> text;
     // A message too long for the wire is cut rather than lost.
     SecureStrncpy(text.GetBuffer(), 512, message.data(), message.size() < 511 ? message.size() : 511);
-    std::vector<std::uint8_t> payload;
-    RemotingWriter writer(payload);
     WriteStatus(writer, status);
     WriteText(writer, text);
+}
+
+std::vector<std::uint8_t> EncodeErrorPayload(std::uint32_t status, const String& message)
+{
+    std::vector<std::uint8_t> payload;
+    RemotingWriter writer(payload);
+    WriteErrorPayload(writer, status, message);
     return payload;
 }
 

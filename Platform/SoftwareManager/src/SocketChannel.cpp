@@ -1,10 +1,12 @@
 #include "Zun/SoftwareManager/SocketChannel.hpp"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -19,21 +21,12 @@ using System::Commons::PosixCallAllowing;
 namespace
 {
 
-int MillisecondsUntil(Deadline deadline)
-{
-    if (deadline == NoDeadline)
-    {
-        return -1;
-    }
-    const auto now = Clock::now();
-    if (deadline <= now)
-    {
-        return 0;
-    }
-    // Rounded up so that a wait never ends just before its deadline and spins.
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
-    return left > 60'000 ? 60'000 : static_cast<int>(left);
-}
+// Large enough for the header and payload of every answer except whole component lists.
+constexpr std::size_t InboxSize = 16 * 1024;
+// A payload is allocated in steps of at least this, as its bytes arrive.
+constexpr std::size_t PayloadStep = 64 * 1024;
+// A time-out in force that differs from the wanted one by less than this is left as it is.
+constexpr std::int64_t TimeoutSlackMicroseconds = 1000;
 
 bool IsClosedError(int error)
 {
@@ -41,16 +34,38 @@ bool IsClosedError(int error)
            error == ENAMETOOLONG || error == ENOTSOCK || error == EPROTOTYPE;
 }
 
+void MakeBlocking(int fd)
+{
+    const int flags = PosixCall("fcntl", ::fcntl, fd, F_GETFL, 0);
+    if ((flags & O_NONBLOCK) != 0)
+    {
+        PosixCall("fcntl", ::fcntl, fd, F_SETFL, flags & ~O_NONBLOCK);
+    }
+}
+
 } // namespace
+
+SocketChannel::SocketChannel() noexcept = default;
+
+SocketChannel::SocketChannel(int fdIn) : fd(fdIn)
+{
+    if (fd >= 0)
+    {
+        MakeBlocking(fd);
+    }
+}
 
 SocketChannel::~SocketChannel()
 {
     Close();
 }
 
-SocketChannel::SocketChannel(SocketChannel&& other) noexcept : fd(other.fd)
+SocketChannel::SocketChannel(SocketChannel&& other) noexcept
+    : fd(other.fd), receiveTimeout(other.receiveTimeout), sendTimeout(other.sendTimeout), inbox(std::move(other.inbox)),
+      inBegin(other.inBegin), inEnd(other.inEnd)
 {
     other.fd = -1;
+    other.inBegin = other.inEnd = 0;
 }
 
 SocketChannel& SocketChannel::operator=(SocketChannel&& other) noexcept
@@ -59,7 +74,13 @@ SocketChannel& SocketChannel::operator=(SocketChannel&& other) noexcept
     {
         Close();
         fd = other.fd;
+        receiveTimeout = other.receiveTimeout;
+        sendTimeout = other.sendTimeout;
+        inbox = std::move(other.inbox);
+        inBegin = other.inBegin;
+        inEnd = other.inEnd;
         other.fd = -1;
+        other.inBegin = other.inEnd = 0;
     }
     return *this;
 }
@@ -72,6 +93,17 @@ void SocketChannel::Close() noexcept
         ::close(fd);
         fd = -1;
     }
+    inBegin = inEnd = 0;
+    receiveTimeout = sendTimeout = -1;
+}
+
+int SocketChannel::Release() noexcept
+{
+    const int released = fd;
+    fd = -1;
+    inBegin = inEnd = 0;
+    receiveTimeout = sendTimeout = -1;
+    return released;
 }
 
 IoResult SocketChannel::Connect(const String& path, Deadline deadline, SocketChannel& channel)
@@ -87,32 +119,18 @@ IoResult SocketChannel::Connect(const String& path, Deadline deadline, SocketCha
 
     for (;;)
     {
-        SocketChannel candidate(PosixCall("socket", ::socket, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        // Non-blocking only while connecting: a full listener queue is then EAGAIN, not a wait without bound.
+        const int candidate = PosixCall("socket", ::socket, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         int error = 0;
-        PosixCallAllowing("connect", {EAGAIN, EINPROGRESS, ECONNREFUSED, ENOENT, ENOTDIR, EACCES, ENAMETOOLONG, EPROTOTYPE, ENOTSOCK}, error,
-                          ::connect, candidate.fd, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(sizeof address));
+        PosixCallAllowing("connect", {EAGAIN, ECONNREFUSED, ENOENT, ENOTDIR, EACCES, ENAMETOOLONG, EPROTOTYPE, ENOTSOCK}, error, ::connect,
+                          candidate, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(sizeof address));
         if (error == 0)
         {
-            channel = std::move(candidate);
+            SocketChannel connected(candidate);
+            channel = std::move(connected);
             return IoResult::Ok;
         }
-        if (error == EINPROGRESS)
-        {
-            const IoResult ready = candidate.Wait(POLLOUT, deadline, -1);
-            if (ready != IoResult::Ok)
-            {
-                return ready;
-            }
-            int socketError = 0;
-            socklen_t length = sizeof socketError;
-            PosixCall("getsockopt", ::getsockopt, candidate.fd, SOL_SOCKET, SO_ERROR, static_cast<void*>(&socketError), &length);
-            if (socketError != 0)
-            {
-                return IoResult::Closed;
-            }
-            channel = std::move(candidate);
-            return IoResult::Ok;
-        }
+        ::close(candidate);
         if (error != EAGAIN)
         {
             return IoResult::Closed;
@@ -126,28 +144,34 @@ IoResult SocketChannel::Connect(const String& path, Deadline deadline, SocketCha
     }
 }
 
-IoResult SocketChannel::Wait(short events, Deadline deadline, int wakeFd) const
+bool SocketChannel::ArmTimeout(int option, Deadline deadline, std::int64_t& armed)
 {
-    pollfd fds[2] = {{fd, events, 0}, {wakeFd, POLLIN, 0}};
-    const nfds_t count = wakeFd >= 0 ? 2 : 1;
-    for (;;)
+    std::int64_t wanted = 0;
+    if (deadline != NoDeadline)
     {
-        const int timeout = MillisecondsUntil(deadline);
-        const int ready = PosixCall("poll", ::poll, fds, count, timeout);
-        if (count == 2 && (fds[1].revents & POLLIN) != 0)
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+        if (left <= 0)
         {
-            return IoResult::Woken;
+            return false;
         }
-        if (ready > 0)
-        {
-            // Errors and hang-ups are left to the following send/recv, which reports them precisely.
-            return IoResult::Ok;
-        }
-        if (deadline != NoDeadline && Clock::now() >= deadline)
-        {
-            return IoResult::Timeout;
-        }
+        wanted = left;
     }
+    // A deadline set afresh for each call differs from the last one by microseconds: the time-out in
+    // force stays, and a call costs no extra system call.
+    const bool keep =
+        armed >= 0 &&
+        (wanted == 0 ? armed == 0
+                     : (armed != 0 && armed - wanted <= TimeoutSlackMicroseconds && wanted - armed <= TimeoutSlackMicroseconds));
+    if (!keep)
+    {
+        timeval value{};
+        value.tv_sec = static_cast<time_t>(wanted / 1'000'000);
+        value.tv_usec = static_cast<suseconds_t>(wanted % 1'000'000);
+        PosixCall("setsockopt", ::setsockopt, fd, SOL_SOCKET, option, static_cast<const void*>(&value),
+                  static_cast<socklen_t>(sizeof value));
+        armed = wanted;
+    }
+    return true;
 }
 
 IoResult SocketChannel::SendAll(const std::uint8_t* data, std::size_t size, Deadline deadline)
@@ -155,6 +179,10 @@ IoResult SocketChannel::SendAll(const std::uint8_t* data, std::size_t size, Dead
     std::size_t sent = 0;
     while (sent < size)
     {
+        if (!ArmTimeout(SO_SNDTIMEO, deadline, sendTimeout))
+        {
+            return IoResult::Timeout;
+        }
         int error = 0;
         const ssize_t count = PosixCallAllowing("send", {EAGAIN, EWOULDBLOCK, EPIPE, ECONNRESET}, error, ::send, fd,
                                                 static_cast<const void*>(data + sent), size - sent, MSG_NOSIGNAL);
@@ -167,68 +195,135 @@ IoResult SocketChannel::SendAll(const std::uint8_t* data, std::size_t size, Dead
         {
             return IoResult::Closed;
         }
-        const IoResult ready = Wait(POLLOUT, deadline, -1);
-        if (ready != IoResult::Ok)
-        {
-            return ready;
-        }
+        // EAGAIN: the time-out in force ran out; the loop checks the deadline.
     }
     return IoResult::Ok;
 }
 
-IoResult SocketChannel::ReceiveExact(std::uint8_t* data, std::size_t size, Deadline deadline, int wakeFd)
+IoResult SocketChannel::ReceiveSome(std::uint8_t* data, std::size_t size, Deadline deadline, std::size_t& received)
 {
-    std::size_t received = 0;
-    while (received < size)
+    for (;;)
     {
-        const IoResult ready = Wait(POLLIN, deadline, wakeFd);
-        if (ready != IoResult::Ok)
+        if (!ArmTimeout(SO_RCVTIMEO, deadline, receiveTimeout))
         {
-            return ready;
+            return IoResult::Timeout;
         }
         int error = 0;
-        const ssize_t count = PosixCallAllowing("recv", {EAGAIN, EWOULDBLOCK, ECONNRESET}, error, ::recv, fd,
-                                                static_cast<void*>(data + received), size - received, 0);
+        const ssize_t count =
+            PosixCallAllowing("recv", {EAGAIN, EWOULDBLOCK, ECONNRESET}, error, ::recv, fd, static_cast<void*>(data), size, 0);
+        if (count > 0)
+        {
+            received = static_cast<std::size_t>(count);
+            return IoResult::Ok;
+        }
         if (count == 0 || error == ECONNRESET)
         {
             return IoResult::Closed;
         }
-        if (count > 0)
+    }
+}
+
+IoResult SocketChannel::Fill(std::size_t count, Deadline deadline)
+{
+    if (!inbox)
+    {
+        inbox.reset(new std::uint8_t[InboxSize]);
+    }
+    if (inBegin == inEnd)
+    {
+        inBegin = inEnd = 0;
+    }
+    else if (InboxSize - inBegin < count)
+    {
+        std::memmove(inbox.get(), inbox.get() + inBegin, inEnd - inBegin);
+        inEnd -= inBegin;
+        inBegin = 0;
+    }
+    while (inEnd - inBegin < count)
+    {
+        std::size_t received = 0;
+        const IoResult result = ReceiveSome(inbox.get() + inEnd, InboxSize - inEnd, deadline, received);
+        if (result != IoResult::Ok)
         {
-            received += static_cast<std::size_t>(count);
+            return result;
         }
+        inEnd += received;
     }
     return IoResult::Ok;
 }
 
-IoResult SocketChannel::ReceiveFrame(Frame& frame, Deadline headerDeadline, Deadline bodyDeadline, int wakeFd)
+IoResult SocketChannel::ReceiveExact(std::uint8_t* data, std::size_t size, Deadline deadline)
 {
-    std::uint8_t header[FrameHeaderSize];
-    IoResult result = ReceiveExact(header, 1, headerDeadline, wakeFd);
-    if (result != IoResult::Ok)
+    const std::size_t buffered = std::min(size, inEnd - inBegin);
+    if (buffered != 0)
     {
-        return result;
+        std::memcpy(data, inbox.get() + inBegin, buffered);
+        inBegin += buffered;
     }
-    result = ReceiveExact(header + 1, FrameHeaderSize - 1, bodyDeadline, wakeFd);
-    if (result != IoResult::Ok)
+    std::size_t received = buffered;
+    while (received < size)
     {
-        return result;
+        std::size_t count = 0;
+        const IoResult result = ReceiveSome(data + received, size - received, deadline, count);
+        if (result != IoResult::Ok)
+        {
+            return result;
+        }
+        received += count;
     }
-    frame.header = DecodeFrameHeader(header, FrameHeaderSize);
-    frame.payload.assign(frame.header.payloadLength, 0);
-    return ReceiveExact(frame.payload.data(), frame.payload.size(), bodyDeadline, wakeFd);
+    return IoResult::Ok;
 }
 
-bool SocketChannel::IsStale() const
+IoResult SocketChannel::ReceiveFrame(Frame& frame, Deadline headerDeadline, Deadline bodyDeadline)
 {
-    if (fd < 0)
+    return ReceiveFrame(frame, headerDeadline, bodyDeadline, std::chrono::milliseconds(0));
+}
+
+IoResult SocketChannel::ReceiveFrameWithin(Frame& frame, std::chrono::milliseconds frameTime)
+{
+    return ReceiveFrame(frame, NoDeadline, NoDeadline, frameTime);
+}
+
+IoResult SocketChannel::ReceiveFrame(Frame& frame, Deadline headerDeadline, Deadline bodyDeadline, std::chrono::milliseconds frameTime)
+{
+    IoResult result = Fill(1, headerDeadline);
+    if (result != IoResult::Ok)
     {
-        return true;
+        return result;
     }
-    pollfd pfd{fd, POLLIN, 0};
-    const int ready = PosixCall("poll", ::poll, &pfd, nfds_t{1}, 0);
-    // Readable while idle means end of stream, a reset or unsolicited data: none of them is usable.
-    return ready != 0;
+    if (frameTime.count() > 0)
+    {
+        bodyDeadline = Clock::now() + frameTime;
+    }
+    result = Fill(FrameHeaderSize, bodyDeadline);
+    if (result != IoResult::Ok)
+    {
+        return result;
+    }
+    frame.header = DecodeFrameHeader(inbox.get() + inBegin, FrameHeaderSize);
+    inBegin += FrameHeaderSize;
+
+    const std::size_t length = frame.header.payloadLength;
+    std::size_t have = std::min(length, inEnd - inBegin);
+    frame.payload.assign(inbox.get() + inBegin, inbox.get() + inBegin + have);
+    inBegin += have;
+    while (have < length)
+    {
+        // Grown with what arrives: a header's claim alone allocates nothing large.
+        const std::size_t target = std::min(length, std::max(have * 2, have + PayloadStep));
+        frame.payload.resize(target);
+        while (have < target)
+        {
+            std::size_t count = 0;
+            result = ReceiveSome(frame.payload.data() + have, target - have, bodyDeadline, count);
+            if (result != IoResult::Ok)
+            {
+                return result;
+            }
+            have += count;
+        }
+    }
+    return IoResult::Ok;
 }
 
 } // namespace Zun::Services::SoftwareManager::Services::Internal::Transport

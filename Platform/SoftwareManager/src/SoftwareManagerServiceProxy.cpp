@@ -1,7 +1,6 @@
 #include "Zun/SoftwareManager/SoftwareManagerServiceProxy.hpp"
 
 #include <atomic>
-#include <functional>
 #include <mutex>
 
 #include "Zun/Commons/Exception.hpp"
@@ -30,6 +29,72 @@ struct CallResult
     String message;
 };
 
+// One connection with everything a call needs, kept for the next call so that a call in the steady
+// state allocates nothing: the request is built in place, the answer read into reused storage.
+struct Connection
+{
+    Connection() : writer(request), reader(nullptr, 0) {}
+
+    SocketChannel channel;
+    std::vector<std::uint8_t> request;
+    RemotingWriter writer;
+    Frame response;
+    RemotingReader reader;
+    // A record is read here first, so that a fault found after it leaves the caller's record alone.
+    SoftwareInformation record;
+};
+
+void ClearLists(Manifest& manifest)
+{
+    manifest.TextList.clear();
+    manifest.Tags.clear();
+}
+
+void ClearLists(SoftwareInformation& information)
+{
+    ClearLists(information.CurrentManifest);
+    ClearLists(information.PendingManifest);
+}
+
+// The lists of a record, which change hands rather than being copied.
+struct Lists
+{
+    std::vector<System::Rsc::RscString<512>> currentTexts;
+    std::vector<Tag> currentTags;
+    std::vector<System::Rsc::RscString<512>> pendingTexts;
+    std::vector<Tag> pendingTags;
+};
+
+Lists TakeLists(SoftwareInformation& information)
+{
+    return Lists{std::move(information.CurrentManifest.TextList), std::move(information.CurrentManifest.Tags),
+                 std::move(information.PendingManifest.TextList), std::move(information.PendingManifest.Tags)};
+}
+
+void PutLists(SoftwareInformation& information, Lists&& lists)
+{
+    information.CurrentManifest.TextList = std::move(lists.currentTexts);
+    information.CurrentManifest.Tags = std::move(lists.currentTags);
+    information.PendingManifest.TextList = std::move(lists.pendingTexts);
+    information.PendingManifest.Tags = std::move(lists.pendingTags);
+}
+
+// Gives `from`'s content to `to`: the lists change hands, the fixed-size fields are copied, and
+// `from` gets `to`'s former lists to read into next time. No list is copied, nothing is allocated.
+void HandOver(SoftwareInformation& from, SoftwareInformation& to)
+{
+    Lists spare = TakeLists(to);
+    Lists fresh = TakeLists(from);
+    to = from;
+    PutLists(to, std::move(fresh));
+    PutLists(from, std::move(spare));
+}
+
+struct NoCommit
+{
+    void operator()(Connection& /*connection*/) const {}
+};
+
 } // namespace
 
 struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging::Loggable<SoftwareManagerServiceProxy>
@@ -40,35 +105,30 @@ struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging
         {
             endpoint.socketPath = GetDefaultSocketPath();
         }
+        idle.reserve(MaxIdleConnections);
     }
 
-    // A pooled connection that is still usable, or a new one; `reused` tells which.
-    IoResult Take(Deadline deadline, SocketChannel& channel, bool& reused)
+    // An idle connection, or a new one that is not connected yet.
+    std::unique_ptr<Connection> Take()
     {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            while (!idle.empty())
+            if (!idle.empty())
             {
-                channel = std::move(idle.back());
+                std::unique_ptr<Connection> connection = std::move(idle.back());
                 idle.pop_back();
-                if (!channel.IsStale())
-                {
-                    reused = true;
-                    return IoResult::Ok;
-                }
-                channel.Close();
+                return connection;
             }
         }
-        reused = false;
-        return SocketChannel::Connect(endpoint.socketPath, deadline, channel);
+        return std::make_unique<Connection>();
     }
 
-    void Give(SocketChannel&& channel)
+    void Give(std::unique_ptr<Connection> connection)
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (idle.size() < MaxIdleConnections)
         {
-            idle.push_back(std::move(channel));
+            idle.push_back(std::move(connection));
         }
     }
 
@@ -78,8 +138,8 @@ struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging
         if (result == IoResult::Timeout)
         {
             failure.status = StatusCodes::BadTimeout;
-            failure.message = Exception::Format("The software manager service at '{0}' did not answer {1} within {2} ms.", endpoint.socketPath,
-                                                GetOperationName(operation), endpoint.timeoutMilliseconds);
+            failure.message = Exception::Format("The software manager service at '{0}' did not answer {1} within {2} ms.",
+                                                endpoint.socketPath, GetOperationName(operation), endpoint.timeoutMilliseconds);
         }
         else
         {
@@ -90,40 +150,45 @@ struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging
         return failure;
     }
 
-    // Sends one request and waits for its answer. On Good, `decode` has read the response payload.
-    CallResult Call(Operation operation, const std::function<void(RemotingWriter&)>& encode, const std::function<void(RemotingReader&)>& decode)
+    // Sends one request and waits for its answer. On Good, `decode` has read the response payload
+    // and, once the whole payload has been found right, `commit` has taken the connection's record.
+    template <class Encode, class Decode, class Commit = NoCommit>
+    CallResult Call(Operation operation, const Encode& encode, const Decode& decode, const Commit& commit = Commit())
     {
         try
         {
-            return CallUnchecked(operation, encode, decode);
+            return CallUnchecked(operation, encode, decode, commit);
         }
         catch (const System::Rsc::RemotingException& e)
         {
             log.Log(3, "{0}: malformed response: {1}", GetOperationName(operation), e.GetMessage());
-            return CallResult{StatusCodes::BadDecodingError, Exception::Format("Malformed response from the software manager service: {0}", e.GetMessage())};
+            return CallResult{StatusCodes::BadDecodingError,
+                              Exception::Format("Malformed response from the software manager service: {0}", e.GetMessage())};
         }
         catch (const std::exception& e)
         {
             log.Log(3, "{0} failed: {1}", GetOperationName(operation), e.what());
-            return CallResult{StatusCodes::BadNoCommunication, Exception::Format("The software manager service cannot be reached: {0}", e.what())};
+            return CallResult{StatusCodes::BadNoCommunication,
+                              Exception::Format("The software manager service cannot be reached: {0}", e.what())};
         }
     }
 
-    CallResult CallUnchecked(Operation operation, const std::function<void(RemotingWriter&)>& encode,
-                             const std::function<void(RemotingReader&)>& decode)
+    template <class Encode, class Decode, class Commit>
+    CallResult CallUnchecked(Operation operation, const Encode& encode, const Decode& decode, const Commit& commit)
     {
-        std::vector<std::uint8_t> payload;
-        {
-            RemotingWriter writer(payload);
-            encode(writer);
-        }
-        const std::uint32_t requestId = nextRequestId.fetch_add(1) | 1u; // never 0, which marks connection-level errors
-        const std::vector<std::uint8_t> request = EncodeFrame(FrameType::Request, operation, requestId, payload);
+        // A connection that fails in any way is closed with this object, never pooled again.
+        std::unique_ptr<Connection> connection = Take();
+        std::vector<std::uint8_t>& request = connection->request;
+        BeginFrame(request);
+        encode(connection->writer);
+        const std::uint32_t requestId =
+            nextRequestId.fetch_add(1, std::memory_order_relaxed) | 1u; // never 0, which marks connection-level errors
+        FinishFrame(request, FrameType::Request, operation, requestId);
         const Deadline deadline = Clock::now() + std::chrono::milliseconds(endpoint.timeoutMilliseconds);
 
-        SocketChannel channel;
-        bool reused = false;
-        IoResult result = Take(deadline, channel, reused);
+        SocketChannel& channel = connection->channel;
+        const bool reused = channel.IsOpen();
+        IoResult result = reused ? IoResult::Ok : SocketChannel::Connect(endpoint.socketPath, deadline, channel);
         if (result == IoResult::Ok)
         {
             result = channel.SendFrame(request, deadline);
@@ -142,7 +207,7 @@ struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging
             return Failure(result, operation);
         }
 
-        Frame response;
+        Frame& response = connection->response;
         result = channel.ReceiveFrame(response, deadline, deadline);
         if (result != IoResult::Ok)
         {
@@ -160,38 +225,50 @@ struct SoftwareManagerServiceProxy::Impl : System::Commons::Diagnostics::Logging
             throw System::Rsc::RemotingException("Response {0} of {1} does not answer request {2} of {3}.", response.header.requestId,
                                                  GetOperationName(response.header.operation), requestId, GetOperationName(operation));
         }
+        CallResult answer;
         if (response.header.type == FrameType::Error)
         {
             const ErrorPayload error = DecodeErrorPayload(response.payload);
-            Give(std::move(channel));
-            return CallResult{error.status == StatusCodes::Good ? StatusCodes::BadUnexpectedError : error.status, error.message};
+            answer = CallResult{error.status == StatusCodes::Good ? StatusCodes::BadUnexpectedError : error.status, error.message};
         }
-        RemotingReader reader(response.payload.data(), response.payload.size());
-        CallResult answer;
-        answer.status = ReadStatus(reader);
-        if (answer.status == StatusCodes::Good)
+        else
         {
-            decode(reader);
+            RemotingReader& reader = connection->reader;
+            reader.Reset(response.payload.data(), response.payload.size());
+            answer.status = ReadStatus(reader);
+            if (answer.status == StatusCodes::Good)
+            {
+                decode(reader, *connection);
+            }
+            else if (reader.GetRemaining() != 0)
+            {
+                // A refusal may carry the service's message in place of the results.
+                System::Rsc::RscString<512> text;
+                ReadText(reader, text);
+                answer.message = text.ToString();
+            }
+            ExpectEnd(reader);
+            if (answer.status == StatusCodes::Good)
+            {
+                commit(*connection);
+            }
         }
-        else if (reader.GetRemaining() != 0)
+        // Bytes beyond the answer are nobody's: such a connection is not used again.
+        if (channel.GetBuffered() == 0)
         {
-            // A refusal may carry the service's message in place of the results.
-            System::Rsc::RscString<512> text;
-            ReadText(reader, text);
-            answer.message = text.ToString();
+            Give(std::move(connection));
         }
-        ExpectEnd(reader);
-        Give(std::move(channel));
         return answer;
     }
 
     System::Rsc::RscEndpoint endpoint;
     std::mutex mutex;
-    std::vector<SocketChannel> idle;
+    std::vector<std::unique_ptr<Connection>> idle;
     std::atomic<std::uint32_t> nextRequestId{1};
 };
 
-SoftwareManagerServiceProxy::SoftwareManagerServiceProxy(System::Rsc::RscEndpoint endpoint) : impl(std::make_unique<Impl>(std::move(endpoint)))
+SoftwareManagerServiceProxy::SoftwareManagerServiceProxy(System::Rsc::RscEndpoint endpoint)
+    : impl(std::make_unique<Impl>(std::move(endpoint)))
 {
 }
 
@@ -206,29 +283,32 @@ std::vector<SoftwareInformation> SoftwareManagerServiceProxy::GetAllSoftwareInfo
 {
     std::vector<SoftwareInformation> list;
     const CallResult result = impl->Call(
-        Operation::GetAllSoftwareInformation, [](RemotingWriter&) {}, [&list](RemotingReader& reader) { ReadRecordList(reader, list); });
+        Operation::GetAllSoftwareInformation, [](RemotingWriter&) {},
+        [&list](RemotingReader& reader, Connection&) { ReadRecordList(reader, list); });
     if (result.status != StatusCodes::Good)
     {
-        throw System::Commons::InvalidOperationException("GetAllSoftwareInformation failed with status 0x{0:08X}: {1}", result.status, result.message);
+        throw System::Commons::InvalidOperationException("GetAllSoftwareInformation failed with status 0x{0:08X}: {1}", result.status,
+                                                         result.message);
     }
     return list;
 }
 
 ServiceStatusCode SoftwareManagerServiceProxy::GetSoftwareInformation(SoftwareKind kind, const Name& name, SoftwareInformation& information)
 {
-    SoftwareInformation received;
-    const CallResult result = impl->Call(
-        Operation::GetSoftwareInformation,
-        [&](RemotingWriter& writer) {
-            WriteKind(writer, kind);
-            WriteText(writer, name);
-        },
-        [&](RemotingReader& reader) { ReadRecord(reader, received); });
-    if (result.status == StatusCodes::Good)
-    {
-        information = std::move(received);
-    }
-    return result.status;
+    return impl
+        ->Call(
+            Operation::GetSoftwareInformation,
+            [&](RemotingWriter& writer) {
+                WriteKind(writer, kind);
+                WriteText(writer, name);
+            },
+            [](RemotingReader& reader, Connection& connection) {
+                // The connection's record keeps its lists' storage from call to call.
+                ClearLists(connection.record);
+                ReadRecord(reader, connection.record);
+            },
+            [&](Connection& connection) { HandOver(connection.record, information); })
+        .status;
 }
 
 ServiceStatusCode SoftwareManagerServiceProxy::GetInstallationState(SoftwareKind kind, const Name& name, InstallationState& state,
@@ -242,7 +322,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::GetInstallationState(SoftwareKind
             WriteKind(writer, kind);
             WriteText(writer, name);
         },
-        [&](RemotingReader& reader) {
+        [&](RemotingReader& reader, Connection&) {
             receivedState = ReadInt32(reader);
             ReadText(reader, receivedMessage);
         });
@@ -254,7 +334,8 @@ ServiceStatusCode SoftwareManagerServiceProxy::GetInstallationState(SoftwareKind
     return result.status;
 }
 
-ServiceStatusCode SoftwareManagerServiceProxy::SetSoftwarePackage(SoftwareKind kind, const Name& name, const System::Rsc::RscString<512>& package,
+ServiceStatusCode SoftwareManagerServiceProxy::SetSoftwarePackage(SoftwareKind kind, const Name& name,
+                                                                  const System::Rsc::RscString<512>& package,
                                                                   System::Rsc::RscString<512>& message)
 {
     System::Rsc::RscString<512> receivedMessage;
@@ -265,7 +346,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::SetSoftwarePackage(SoftwareKind k
             WriteText(writer, name);
             WriteText(writer, package);
         },
-        [&](RemotingReader& reader) { ReadText(reader, receivedMessage); });
+        [&](RemotingReader& reader, Connection&) { ReadText(reader, receivedMessage); });
     if (result.status == StatusCodes::Good)
     {
         message = receivedMessage;
@@ -288,7 +369,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::RemoveSoftwarePackage(SoftwareKin
                 WriteKind(writer, kind);
                 WriteText(writer, name);
             },
-            [](RemotingReader&) {})
+            [](RemotingReader&, Connection&) {})
         .status;
 }
 
@@ -296,7 +377,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::GetPackageDirectory(System::Rsc::
 {
     System::Rsc::RscString<512> received;
     const CallResult result = impl->Call(
-        Operation::GetPackageDirectory, [](RemotingWriter&) {}, [&](RemotingReader& reader) { ReadText(reader, received); });
+        Operation::GetPackageDirectory, [](RemotingWriter&) {}, [&](RemotingReader& reader, Connection&) { ReadText(reader, received); });
     if (result.status == StatusCodes::Good)
     {
         directory = received;
@@ -313,7 +394,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::StartInstallation(SoftwareKind ki
                 WriteKind(writer, kind);
                 WriteText(writer, name);
             },
-            [](RemotingReader&) {})
+            [](RemotingReader&, Connection&) {})
         .status;
 }
 
@@ -326,7 +407,7 @@ ServiceStatusCode SoftwareManagerServiceProxy::ResumeInstallation(SoftwareKind k
                 WriteKind(writer, kind);
                 WriteText(writer, name);
             },
-            [](RemotingReader&) {})
+            [](RemotingReader&, Connection&) {})
         .status;
 }
 

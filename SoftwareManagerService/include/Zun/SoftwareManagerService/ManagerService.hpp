@@ -100,7 +100,7 @@ private:
     void Install(Component& component, const TestControls& controls);
     bool Delay(std::uint32_t milliseconds);
     void Fail(Component& component, InstallationState state, const String& message);
-    SoftwareInformation Describe(const Component& component) const;
+    void Describe(const Component& component, SoftwareInformation& information) const;
 
     std::filesystem::path stateDirectory;
     std::filesystem::path incomingDirectory;

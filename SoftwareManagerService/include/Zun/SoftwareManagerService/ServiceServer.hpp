@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -40,17 +41,33 @@ public:
     // Serves until `stopFd` becomes readable; then closes every connection and removes the socket.
     void Run(int stopFd);
 
-    // Answers one request payload; the whole response frame (a Response or an Error frame).
-    std::vector<std::uint8_t> Dispatch(const Services::Internal::Transport::Frame& request);
+    // What answering requests needs, kept from request to request of a connection so that a
+    // request in the steady state allocates nothing.
+    struct Reply
+    {
+        Reply() : writer(frame) {}
+        // The whole response frame (a Response or an Error frame).
+        std::vector<std::uint8_t> frame;
+        // Appends to `frame`.
+        System::Rsc::RemotingWriter writer;
+        // The record asked for, assigned by the service so that its lists reuse their storage.
+        Services::Internal::SoftwareInformation information;
+    };
+
+    // Answers one request into `reply.frame`.
+    void Dispatch(const Services::Internal::Transport::Frame& request, Reply& reply);
 
 private:
     struct Connection
     {
         std::thread thread;
         std::atomic<bool> done{false};
+        // The served socket until its thread closes it; shut down to end a wait for the next request.
+        std::mutex mutex;
+        int fd = -1;
     };
 
-    void Serve(int fd, Connection& connection);
+    void Serve(Connection& connection);
     bool IsAllowed(int fd, uid_t& peer) const;
     void ReapFinished();
 
@@ -58,7 +75,6 @@ private:
     String socketPath;
     std::optional<uid_t> allowedUid;
     int listenFd = -1;
-    int stopFd = -1;
     std::list<std::unique_ptr<Connection>> connections;
 };
 

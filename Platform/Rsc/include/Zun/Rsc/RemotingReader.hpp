@@ -34,6 +34,10 @@ public:
     DateTime ReadDateTime();
     void ReadBeginStruct(std::size_t expectedFieldCount);
 
+    // Starts over on other data, keeping the nested readers made so far (a reader reused for
+    // many messages allocates nothing after the first).
+    void Reset(const std::uint8_t* data, std::size_t size);
+
     // The reader for the fields of a nested record; it shares the position.
     RemotingReader& GetNestedDataReader();
     unsigned GetDepth() const noexcept { return depth; }
@@ -41,13 +45,15 @@ public:
     std::size_t GetRemaining() const noexcept { return size - *position; }
 
 private:
-    RemotingReader(const std::uint8_t* data, std::size_t size, std::shared_ptr<std::size_t> position, unsigned depth);
+    RemotingReader(const std::uint8_t* data, std::size_t size, std::size_t* position, unsigned depth);
     void Require(std::size_t count) const;
     std::uint32_t ReadUInt32();
 
     const std::uint8_t* data;
     std::size_t size;
-    std::shared_ptr<std::size_t> position;
+    // The outermost reader's own position, which every nested reader moves.
+    std::size_t ownPosition = 0;
+    std::size_t* position;
     unsigned depth;
     std::unique_ptr<RemotingReader> nested;
 };

@@ -86,6 +86,11 @@ ZUN_EXPORT FrameHeader DecodeFrameHeader(const std::uint8_t* data, std::size_t s
 // Header and payload in one buffer; throws RemotingException when the payload exceeds the bound.
 ZUN_EXPORT std::vector<std::uint8_t> EncodeFrame(FrameType type, Operation operation, std::uint32_t requestId,
                                                  const std::vector<std::uint8_t>& payload);
+// A frame built in place, so that it leaves in one send without a copy: BeginFrame empties `frame`
+// and leaves room for the header, the payload is written after it, FinishFrame fills the header in
+// (throws RemotingException when the payload exceeds the bound).
+ZUN_EXPORT void BeginFrame(std::vector<std::uint8_t>& frame);
+ZUN_EXPORT void FinishFrame(std::vector<std::uint8_t>& frame, FrameType type, Operation operation, std::uint32_t requestId);
 
 // The values inside a payload.
 ZUN_EXPORT void WriteKind(System::Rsc::RemotingWriter& writer, SoftwareKind kind);
@@ -106,7 +111,8 @@ ZUN_EXPORT void ReadRecordList(System::Rsc::RemotingReader& reader, std::vector<
 // Throws RemotingException when bytes are left after the last value.
 ZUN_EXPORT void ExpectEnd(const System::Rsc::RemotingReader& reader);
 
-// Payload of an error frame.
+// Payload of an error frame; a message too long for the wire is cut.
+ZUN_EXPORT void WriteErrorPayload(System::Rsc::RemotingWriter& writer, std::uint32_t status, const String& message);
 ZUN_EXPORT std::vector<std::uint8_t> EncodeErrorPayload(std::uint32_t status, const String& message);
 struct ErrorPayload
 {
