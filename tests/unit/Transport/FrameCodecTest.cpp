@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "../Expect.hpp"
+#include "../Platform/Expect.hpp"
 #include "Zun/Rsc/RemotingException.hpp"
 #include "Zun/SoftwareManager/FrameCodec.hpp"
 
