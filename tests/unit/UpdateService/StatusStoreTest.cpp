@@ -113,67 +113,6 @@ TEST_F(StatusStoreTest, KeepsRecordsPersistentPropertiesAndAuditLogAcrossReopeni
     EXPECT_THAT(store->GetNotifications(id), IsEmpty());
 }
 
-TEST_F(StatusStoreTest, RepeatedRegistrationKeepsEverythingAndRemovalDropsEverything)
-{
-    store->AddComponent(App);
-    store->AddComponent(Project);
-    ASSERT_TRUE(store->SwitchToInstalling(App, false));
-    store->SetUpdateStatus(App, "Preparing", false);
-    store->SetProperty(App, "InstallationStartedByModule", "true", true);
-
-    store->AddComponent(App);
-    EXPECT_THAT(store->GetComponentNames(), ElementsAre(App, Project));
-    EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Installing);
-    EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), "Preparing");
-    EXPECT_THAT(store->GetProperties(App), ElementsAre(Property("InstallationStartedByModule", "true")));
-
-    store->RemoveComponent("Generic files / never.tar");
-    store->RemoveComponent(App);
-    store->RemoveComponent(App);
-    EXPECT_THAT(store->GetComponentNames(), ElementsAre(Project));
-    store->AddComponent(App);
-    EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Idle);
-    EXPECT_THAT(store->GetProperties(App), IsEmpty());
-}
-
-TEST_F(StatusStoreTest, RequestsForUnregisteredComponentsChangeNothing)
-{
-    Testing::LogCapture log(5);
-    SoftwareUpdateStatus status;
-    status.ErrorMessage = String("untouched");
-    EXPECT_FALSE(store->GetStatus(App, status));
-    EXPECT_EQ(status.ErrorMessage.ToString(), "untouched");
-    store->SetUpdateStatus(App, "text", true);
-    store->SetPercentComplete(App, 10);
-    EXPECT_FALSE(store->SwitchToInstalling(App, false));
-    store->FinishInstallation(App, true);
-    EXPECT_FALSE(store->ResetError(App));
-    store->SetProperty(App, "TargetSoftwareRevision", "2.0", true);
-    store->RemoveProperty(App, "TargetSoftwareRevision");
-    String value = "kept";
-    EXPECT_FALSE(store->GetProperty(App, "TargetSoftwareRevision", value));
-    EXPECT_EQ(value, "kept");
-    EXPECT_THAT(store->GetComponentNames(), IsEmpty());
-    EXPECT_THAT(store->GetProperties(App), IsEmpty());
-    EXPECT_TRUE(log.Contains(5, "Component 'Generic files / app.tar' is not registered; request ignored."));
-}
-
-TEST_F(StatusStoreTest, PropertiesAreOverwrittenAndRemovedPerComponent)
-{
-    store->AddComponent(App);
-    store->AddComponent(Project);
-    store->SetProperty(App, "TargetSoftwareRevision", "1.0", true);
-    store->SetProperty(Project, "TargetSoftwareRevision", "9.9", true);
-    store->SetProperty(App, "TargetSoftwareRevision", "2.0", true);
-    store->RemoveProperty(App, "Absent");
-    EXPECT_THAT(store->GetProperties(App), ElementsAre(Property("TargetSoftwareRevision", "2.0")));
-    store->RemoveProperty(App, "TargetSoftwareRevision");
-    String value;
-    EXPECT_FALSE(store->GetProperty(App, "TargetSoftwareRevision", value));
-    ASSERT_TRUE(store->GetProperty(Project, "TargetSoftwareRevision", value));
-    EXPECT_EQ(value, "9.9");
-}
-
 TEST_F(StatusStoreTest, KeepsTheMessageToWhatTheRecordHoldsWithoutSplittingACharacter)
 {
     store->AddComponent(App);

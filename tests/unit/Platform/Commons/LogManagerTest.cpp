@@ -4,36 +4,12 @@
 #include <gtest/gtest.h>
 
 #include "Zun/Commons/LogManager.hpp"
-#include "Zun/Commons/Loggable.hpp"
 #include "Zun/Commons/StandardErrorSink.hpp"
 #include "Zun/Testing/LogCapture.hpp"
-
-namespace ZunTest::Logging
-{
-struct Throwing
-{
-};
-class Widget : private Zun::System::Commons::Diagnostics::Logging::Loggable<Widget>
-{
-public:
-    void Hello(int value) const { log.Log(7, "Hello {0}", value); }
-};
-} // namespace ZunTest::Logging
-
-template <>
-struct fmt::formatter<ZunTest::Logging::Throwing> : fmt::formatter<fmt::string_view>
-{
-    template <class Context>
-    auto format(const ZunTest::Logging::Throwing&, Context&) const -> decltype(std::declval<Context&>().out())
-    {
-        throw std::runtime_error("formatter failed");
-    }
-};
 
 namespace
 {
 
-using namespace ZunTest::Logging;
 using namespace Zun::System::Commons::Diagnostics::Logging;
 using Zun::String;
 
@@ -55,29 +31,6 @@ class FailingSink : public ILogSink
 public:
     void Write(const LogRecord&) override { throw std::runtime_error("sink down"); }
 };
-
-// An argument is formatted only when its level is enabled; when formatting throws, the exception leaves the call.
-TEST(LogManagerTest, LevelGatesFormattingAndAnArgumentsExceptionLeavesTheCall)
-{
-    Zun::Testing::LogCapture capture(5);
-    auto& logger = LogManager::GetLogger("ZunTest.Gating");
-    EXPECT_NO_THROW(logger.Log(7, "{}", Throwing{}));
-    EXPECT_THROW(logger.Log(3, "before {} after", Throwing{}), std::runtime_error);
-    logger.Log(5, "value {}", 1);
-    ASSERT_EQ(capture.Lines().size(), 1u);
-    EXPECT_EQ(capture.Lines()[0].logger, "ZunTest.Gating");
-    EXPECT_EQ(capture.Lines()[0].level, 5);
-    EXPECT_EQ(capture.Lines()[0].message, "value 1");
-}
-
-TEST(LogManagerTest, LoggableIsNamedAfterTheFullType)
-{
-    Zun::Testing::LogCapture capture(7);
-    Widget().Hello(4);
-    ASSERT_EQ(capture.Lines().size(), 1u);
-    EXPECT_EQ(capture.Lines()[0].logger, "ZunTest::Logging::Widget");
-    EXPECT_EQ(capture.Lines()[0].message, "Hello 4");
-}
 
 TEST(LogManagerTest, OneLoggerPerNameAndLevelsForExistingAndNewLoggers)
 {

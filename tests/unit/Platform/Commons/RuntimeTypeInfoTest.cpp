@@ -38,19 +38,4 @@ TEST(RuntimeTypeInfoTest, NamesTypesInFullWithoutKeywords)
     }
 }
 
-TEST(EnumDictionaryBaseTest, EntriesInValueOrderAndUnknownValuesLeaveTheText)
-{
-    const Zun::EnumDictionaryBase<Kind> kinds{{Kind::C, "C"}, {Kind::A, "A"}, {Kind::B, "B"}};
-    std::vector<int> values;
-    for (const auto& entry : kinds.GetEntries())
-    {
-        values.push_back(static_cast<int>(entry.first));
-    }
-    EXPECT_EQ(values, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(kinds.GetText(Kind::B), "B");
-    String text("unchanged");
-    EXPECT_FALSE(kinds.TryGetText(static_cast<Kind>(7), text));
-    EXPECT_EQ(text, "unchanged");
-}
-
 } // namespace

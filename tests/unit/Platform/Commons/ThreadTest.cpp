@@ -10,7 +10,6 @@
 #include "Zun/Commons/Thread.hpp"
 #include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
-#include "Zun/Testing/ManualSleep.hpp"
 
 namespace
 {
@@ -70,42 +69,6 @@ TEST(ThreadTest, StateAndStartJoinRulesFollowTheBody)
     EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Join(); }), "Thread 'Held' is not joinable.");
 }
 
-TEST(ThreadTest, CannotJoinItself)
-{
-    Notification done;
-    std::string ownJoin;
-    Thread* self = nullptr;
-    Thread thread(Settings("Self", [&](void*) {
-        ownJoin = MessageOf<InvalidOperationException>([&] { self->Join(); });
-        done.Notify();
-    }));
-    self = &thread;
-    thread.Start();
-    ASSERT_TRUE(done.WaitFor());
-    thread.Join();
-    EXPECT_EQ(ownJoin, "Thread 'Self' cannot join itself.");
-}
-
-TEST(ThreadTest, DestructorWaitsForARunningBodyOrDetachesFromItsOwn)
-{
-    HeldBody body;
-    auto thread = std::make_unique<Thread>(Settings("Waited", body.Function()));
-    thread->Start();
-    ASSERT_TRUE(body.entered.WaitFor());
-    body.release.Notify();
-    thread.reset();
-    EXPECT_TRUE(body.finished);
-
-    Notification done;
-    Thread* owned = nullptr;
-    owned = new Thread(Settings("Owner", [&](void*) {
-        delete owned;
-        done.Notify();
-    }));
-    owned->Start();
-    EXPECT_TRUE(done.WaitFor());
-}
-
 TEST(ThreadTest, NameIsCutTo15BytesAndABodyExceptionIsLogged)
 {
     Zun::Testing::LogCapture capture(1);
@@ -120,17 +83,6 @@ TEST(ThreadTest, NameIsCutTo15BytesAndABodyExceptionIsLogged)
     failing.Join();
     EXPECT_EQ(failing.GetState(), 0);
     EXPECT_EQ(capture.Messages(1), std::vector<Zun::String>{"Thread 'Failing' ended by an exception: broken"});
-}
-
-TEST(ThreadTest, SleepGoesThroughTheSeam)
-{
-    {
-        Zun::Testing::ManualSleep sleep(true);
-        Thread::Sleep(1000);
-        Thread::Sleep(5);
-        EXPECT_EQ(sleep.Durations(), (std::vector<std::uint32_t>{1000, 5}));
-    }
-    Thread::Sleep(0); // the real pause, without a seam
 }
 
 } // namespace

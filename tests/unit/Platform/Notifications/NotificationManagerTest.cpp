@@ -82,33 +82,4 @@ TEST(NotificationManagerTest, KeepsEveryNotificationWithItsRegistrationAndTellsL
     EXPECT_THROW(manager.AddListener(nullptr), Zun::System::Commons::ArgumentException);
 }
 
-TEST(NotificationManagerTest, ConcurrentSendersGetDistinctIdsAndLoseNothing)
-{
-    constexpr int threads = 4;
-    constexpr int perThread = 50;
-    NotificationManager manager;
-    const auto id = manager.RegisterNotificationName("N", "S", Severity::Info, "T");
-    Zun::Testing::Latch start(threads);
-    std::vector<std::vector<NotificationId>> ids(threads);
-    std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t)
-    {
-        workers.emplace_back([&, t] {
-            start.ArriveAndWait();
-            for (int i = 0; i < perThread; ++i)
-            {
-                ids[t].push_back(manager.SendNotification(id, DateTime(), "x"));
-            }
-        });
-    }
-    std::set<NotificationId> all;
-    for (int t = 0; t < threads; ++t)
-    {
-        workers[t].join();
-        all.insert(ids[t].begin(), ids[t].end());
-    }
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(threads * perThread));
-    EXPECT_EQ(manager.GetSentNotifications().size(), static_cast<std::size_t>(threads * perThread));
-}
-
 } // namespace

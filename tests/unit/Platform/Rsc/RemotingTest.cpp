@@ -88,24 +88,6 @@ TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
     }
 }
 
-TEST(RemotingTest, RefusedWritesLeaveTheBufferAsItWas)
-{
-    const char full[4] = {'a', 'b', 'c', 'd'};
-    const std::pair<std::function<void(RemotingWriter&)>, const char*> cases[] = {
-        {[&](RemotingWriter& w) { w.WriteStringInternal(full, 4, Encoding::Utf8, true); }, "String has no terminator within its capacity of 4 bytes."},
-        {[](RemotingWriter& w) { w.WriteStringInternal("a", 8, Encoding::None, true); }, "Unsupported string encoding 0."},
-        {[](RemotingWriter& w) { w.WriteArrayLength(0x80000000u); }, "Array count 2147483648 is above the largest count 2147483647."},
-        {[](RemotingWriter& w) { w.WriteBeginStruct(0x80000000u); }, "Struct field count 2147483648 is above the largest count 2147483647."},
-    };
-    for (const auto& [write, message] : cases)
-    {
-        Bytes buffer{1, 2, 3};
-        RemotingWriter writer(buffer);
-        EXPECT_EQ(MessageOf<RemotingException>([&, &write = write] { write(writer); }), message);
-        EXPECT_EQ(buffer, (Bytes{1, 2, 3})) << message;
-    }
-}
-
 struct FaultCase
 {
     const char* name;
@@ -148,58 +130,6 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
         EXPECT_EQ(MessageOf<RemotingException>([&] { c.read(reader); }), c.message) << c.name;
         EXPECT_EQ(reader.GetPosition(), 0u) << c.name;
     }
-}
-
-TEST(RemotingTest, NullArgumentsAreArgumentErrors)
-{
-    Bytes buffer;
-    RemotingWriter writer(buffer);
-    EXPECT_THROW(writer.WriteStringInternal(nullptr, 8, Encoding::Utf8, true), ArgumentException);
-    EXPECT_THROW(writer.WriteDataInternal(nullptr, 1), ArgumentException);
-    EXPECT_TRUE(buffer.empty());
-
-    EXPECT_THROW(RemotingReader(nullptr, 1), ArgumentException);
-    const Bytes data{2, 0, 0, 0, 0};
-    RemotingReader reader(data.data(), data.size());
-    EXPECT_THROW(reader.ReadStringInternal(nullptr, 8, Encoding::Utf8, false), ArgumentException);
-    char one = 'x';
-    EXPECT_THROW(reader.ReadStringInternal(&one, 0, Encoding::Utf8, false), ArgumentException);
-    EXPECT_THROW(reader.ReadDataInternal(nullptr, 1), ArgumentException);
-    EXPECT_EQ(reader.GetPosition(), 0u);
-}
-
-TEST(RemotingTest, NestedWriterAndReaderShareTheStreamOneLevelDeeperUpTo16Levels)
-{
-    Bytes buffer;
-    RemotingWriter writer(buffer);
-    RemotingWriter& nestedWriter = writer.GetNestedDataWriter();
-    EXPECT_NE(&nestedWriter, &writer);
-    EXPECT_EQ(&writer.GetNestedDataWriter(), &nestedWriter);
-    EXPECT_EQ(nestedWriter.GetDepth(), 1u);
-    writer.WriteTag(RscType::Bool);
-    nestedWriter.WriteTag(RscType::Int32);
-    writer.WriteTag(RscType::UInt32);
-    EXPECT_EQ(buffer, (Bytes{2, 8, 9}));
-
-    RemotingReader reader(buffer.data(), buffer.size());
-    RemotingReader& nestedReader = reader.GetNestedDataReader();
-    EXPECT_NE(&nestedReader, &reader);
-    EXPECT_EQ(&reader.GetNestedDataReader(), &nestedReader);
-    EXPECT_EQ(nestedReader.GetDepth(), 1u);
-    reader.ReadTag(RscType::Bool);
-    nestedReader.ReadTag(RscType::Int32);
-    reader.ReadTag(RscType::UInt32);
-    EXPECT_EQ(nestedReader.GetRemaining(), 0u);
-
-    RemotingWriter* deepWriter = &writer;
-    RemotingReader* deepReader = &reader;
-    for (unsigned i = 0; i < RemotingWriter::MaxDepth; ++i)
-    {
-        deepWriter = &deepWriter->GetNestedDataWriter();
-        deepReader = &deepReader->GetNestedDataReader();
-    }
-    EXPECT_EQ(MessageOf<RemotingException>([&] { deepWriter->GetNestedDataWriter(); }), "Nesting deeper than 16 levels.");
-    EXPECT_EQ(MessageOf<RemotingException>([&] { deepReader->GetNestedDataReader(); }), "Nesting deeper than 16 levels.");
 }
 
 } // namespace
