@@ -44,8 +44,25 @@ std::size_t ReadListCount(System::Rsc::RemotingReader& reader)
 
 // Smallest encodings of one element: an untagged string is its encoding byte and its length;
 // a tag is two tagged strings.
-constexpr std::size_t MinUntaggedStringBytes = 1 + 4;
-constexpr std::size_t MinTagBytes = 2 * (1 + 1 + 4);
+constexpr std::size_t MinUntaggedStringBytes = 1 + 1;
+constexpr std::size_t MinTagBytes = 2 * (1 + 1 + 1);
+
+// Reads the next element in place at the end of `list`: a fresh, zeroed element is filled and not
+// copied again. An element whose reading fails is taken out again.
+template <class T, class Read>
+void ReadElement(std::vector<T>& list, Read read)
+{
+    list.emplace_back();
+    try
+    {
+        read(list.back());
+    }
+    catch (...)
+    {
+        list.pop_back();
+        throw;
+    }
+}
 
 // A count is only a claim of the stream; never reserve more than the bytes left could hold.
 template <class T>
@@ -56,6 +73,7 @@ void ReserveFor(std::vector<T>& list, std::size_t count, const System::Rsc::Remo
 
 } // namespace
 
+Manifest::Manifest() = default;
 Manifest::~Manifest() = default;
 
 void Manifest::WriteTo(System::Rsc::RemotingWriter& writer) const
@@ -125,9 +143,7 @@ void Manifest::ReadFrom(System::Rsc::RemotingReader& reader)
     ReserveFor(TextList, textCount, reader, MinUntaggedStringBytes);
     for (std::size_t i = 0; i < textCount; ++i)
     {
-        Text text;
-        ReadText(reader, text, false);
-        TextList.push_back(text);
+        ReadElement(TextList, [&](Text& text) { ReadText(reader, text, false); });
     }
 
     ReadText(reader, Text5, true);
@@ -144,9 +160,7 @@ void Manifest::ReadFrom(System::Rsc::RemotingReader& reader)
     System::Rsc::RemotingReader& nested = reader.GetNestedDataReader();
     for (std::size_t i = 0; i < tagCount; ++i)
     {
-        Tag tag;
-        tag.Tag::ReadFrom(nested);
-        Tags.push_back(tag);
+        ReadElement(Tags, [&](Tag& tag) { tag.Tag::ReadFrom(nested); });
     }
 }
 

@@ -20,7 +20,9 @@ public:
     // Counts at or above this are refused with std::length_error, as on the 32-bit target.
     static constexpr std::size_t MaxListCount = 4'194'304;
 
-    Manifest() = default;
+    // Defined out of line: value-initialisation (emplace_back()) of a class without a user-provided
+    // constructor would zero all of its texts once more before constructing them.
+    Manifest();
     ~Manifest() override;
     Manifest(const Manifest&) = default;
     Manifest& operator=(const Manifest&) = default;

@@ -27,6 +27,7 @@ bool ReadFlag(System::Rsc::RemotingReader& reader)
 
 } // namespace
 
+SoftwareInformation::SoftwareInformation() = default;
 SoftwareInformation::~SoftwareInformation() = default;
 
 void SoftwareInformation::WriteTo(System::Rsc::RemotingWriter& writer) const

@@ -15,7 +15,9 @@ class ZUN_EXPORT SoftwareInformation : public System::Rsc::IRscSerializable
 public:
     static constexpr std::size_t FieldCount = 6;
 
-    SoftwareInformation() = default;
+    // Defined out of line: value-initialisation (emplace_back()) of a class without a user-provided
+    // constructor would zero all of its texts once more before constructing them.
+    SoftwareInformation();
     ~SoftwareInformation() override;
     SoftwareInformation(const SoftwareInformation&) = default;
     SoftwareInformation& operator=(const SoftwareInformation&) = default;

@@ -73,7 +73,7 @@ void SoftwareVersionType::ReadFrom(System::Rsc::RemotingReader& reader)
     }
     // A count is only a claim of the stream; never reserve more than the bytes left could hold
     // (an untagged string takes at least its encoding byte and its length).
-    constexpr std::size_t minElementBytes = 1 + 4;
+    constexpr std::size_t minElementBytes = 1 + 1;
     PatchIdentifiers.reserve(PatchIdentifiers.size() + std::min(count, reader.GetRemaining() / minElementBytes));
     for (std::size_t i = 0; i < count; ++i)
     {

@@ -5,6 +5,7 @@ namespace Zun::Services::SoftwareManager::Services::Internal
 
 using System::Rsc::RscStringEncoding;
 
+Tag::Tag() = default;
 Tag::~Tag() = default;
 
 void Tag::WriteTo(System::Rsc::RemotingWriter& writer) const

@@ -13,7 +13,9 @@ class ZUN_EXPORT Tag : public System::Rsc::IRscSerializable
 public:
     static constexpr std::size_t FieldCount = 2;
 
-    Tag() = default;
+    // Defined out of line: value-initialisation (emplace_back()) of a class without a user-provided
+    // constructor would zero all of its texts once more before constructing them.
+    Tag();
     Tag(const char* name, const char* value) : Name(name), Value(value) {}
     ~Tag() override;
     Tag(const Tag&) = default;

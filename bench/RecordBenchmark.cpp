@@ -106,6 +106,11 @@ void BM_RemotingEncodeDecode(benchmark::State& state)
         RemotingReader reader(buffer.data(), buffer.size());
         SoftwareInformation decoded;
         Transport::ReadRecord(reader, decoded);
+        if (decoded.PendingManifest.Tags.size() != 10 || decoded.PendingManifest.Version != record.PendingManifest.Version)
+        {
+            state.SkipWithError("decoded record differs");
+            break;
+        }
         benchmark::DoNotOptimize(decoded);
     }
     state.counters["wire_bytes"] = static_cast<double>(RemotingSize());
@@ -121,7 +126,12 @@ void BM_ProtobufEncodeDecode(benchmark::State& state)
         wire.clear();
         message.SerializeToString(&wire);
         zunbench::SoftwareInformation decoded;
-        decoded.ParseFromString(wire);
+        if (!decoded.ParseFromString(wire) || decoded.pending_manifest().tags_size() != 10 ||
+            decoded.pending_manifest().version() != message.pending_manifest().version())
+        {
+            state.SkipWithError("decoded message differs");
+            break;
+        }
         benchmark::DoNotOptimize(decoded);
     }
     state.counters["wire_bytes"] = static_cast<double>(message.ByteSizeLong());
@@ -133,11 +143,15 @@ BENCHMARK(BM_ProtobufEncodeDecode);
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    RatioReporter reporter(RatioReporter::Clock::Cpu);
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nwire size: remoting %zu bytes, protobuf %zu bytes (%.2fx)\n", RemotingSize(), MakeProto(MakeRecord()).ByteSizeLong(),
-                static_cast<double>(RemotingSize()) / static_cast<double>(MakeProto(MakeRecord()).ByteSizeLong()));
-    std::printf("encode+decode time, remoting / protobuf: %.2f\n", reporter.Ratio("BM_RemotingEncodeDecode", "BM_ProtobufEncodeDecode"));
+    const auto remotingBytes = static_cast<double>(RemotingSize());
+    const auto protobufBytes = static_cast<double>(MakeProto(MakeRecord()).ByteSizeLong());
+    std::printf("\nwire size: remoting %.0f bytes, protobuf %.0f bytes\n", remotingBytes, protobufBytes);
+    RatioReporter::Print("record_time_vs_protobuf", reporter.Ratio("BM_RemotingEncodeDecode", "BM_ProtobufEncodeDecode"));
+    RatioReporter::Print("record_size_vs_protobuf", remotingBytes / protobufBytes);
+    RatioReporter::Print("record_bytes", remotingBytes);
+    RatioReporter::Print("protobuf_bytes", protobufBytes);
     benchmark::Shutdown();
     return 0;
 }

@@ -13,10 +13,16 @@ namespace
 
 constexpr std::size_t MaxCount = 0x7FFFFFFF;
 
-std::uint32_t DecodeUInt32(const std::uint8_t* bytes) noexcept
+constexpr std::size_t MaxCountBytes = 5;
+
+[[noreturn]] void ThrowEndOfData(std::size_t needed, std::size_t remaining)
 {
-    return static_cast<std::uint32_t>(bytes[0]) | (static_cast<std::uint32_t>(bytes[1]) << 8) |
-           (static_cast<std::uint32_t>(bytes[2]) << 16) | (static_cast<std::uint32_t>(bytes[3]) << 24);
+    throw RemotingException("Unexpected end of data: {0} bytes needed, {1} left.", needed, remaining);
+}
+
+[[noreturn]] void ThrowUnexpectedTag(std::uint8_t tag, RscType expected)
+{
+    throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag), static_cast<unsigned>(expected));
 }
 
 } // namespace
@@ -49,13 +55,42 @@ void RemotingReader::Reset(const std::uint8_t* newData, std::size_t newSize)
 RemotingReader::~RemotingReader() = default;
 
 // Every read checks all of its bytes before it moves the position, so a failed read consumes nothing.
-void RemotingReader::Require(std::size_t count) const
+inline void RemotingReader::Require(std::size_t count) const
 {
-    const std::size_t remaining = GetRemaining();
-    if (count > remaining)
+    if (count > GetRemaining())
     {
-        throw RemotingException("Unexpected end of data: {0} bytes needed, {1} left.", count, remaining);
+        ThrowEndOfData(count, GetRemaining());
     }
+}
+
+std::uint32_t RemotingReader::PeekCount(std::size_t offset, std::size_t& used) const
+{
+    if (offset < GetRemaining() && data[*position + offset] < 0x80)
+    {
+        used = 1;
+        return data[*position + offset];
+    }
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < MaxCountBytes; ++i)
+    {
+        Require(offset + i + 1);
+        const std::uint8_t byte = data[*position + offset + i];
+        if (i == MaxCountBytes - 1 && byte > 0x0F)
+        {
+            throw RemotingException("Count wider than 32 bits.");
+        }
+        value |= static_cast<std::uint32_t>(byte & 0x7F) << (7 * i);
+        if ((byte & 0x80) == 0)
+        {
+            if (byte == 0 && i > 0)
+            {
+                throw RemotingException("Count not in its shortest form.");
+            }
+            used = i + 1;
+            return value;
+        }
+    }
+    throw RemotingException("Count wider than 32 bits.");
 }
 
 void RemotingReader::ReadTag(RscType expected)
@@ -64,7 +99,7 @@ void RemotingReader::ReadTag(RscType expected)
     const std::uint8_t tag = data[*position];
     if (tag != static_cast<std::uint8_t>(expected))
     {
-        throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag), static_cast<unsigned>(expected));
+        ThrowUnexpectedTag(tag, expected);
     }
     ++*position;
 }
@@ -79,47 +114,56 @@ void RemotingReader::ReadStringInternal(char* buffer, std::size_t capacity, RscS
     if (withTag)
     {
         Require(1);
-        const std::uint8_t tag = data[*position];
-        if (tag != static_cast<std::uint8_t>(RscType::String))
+        if (data[*position] != static_cast<std::uint8_t>(RscType::String))
         {
-            throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag),
-                                    static_cast<unsigned>(RscType::String));
+            ThrowUnexpectedTag(data[*position], RscType::String);
         }
         offset = 1;
     }
-    Require(offset + 5);
-    const std::uint8_t* header = data + *position + offset;
-    if (header[0] != static_cast<std::uint8_t>(encoding))
+    Require(offset + 1);
+    const std::uint8_t stated = data[*position + offset];
+    if (stated != static_cast<std::uint8_t>(encoding))
     {
-        throw RemotingException("Unexpected string encoding {0} where {1} was expected.", static_cast<unsigned>(header[0]),
+        throw RemotingException("Unexpected string encoding {0} where {1} was expected.", static_cast<unsigned>(stated),
                                 static_cast<unsigned>(encoding));
     }
-    const std::size_t length = DecodeUInt32(header + 1);
+    std::size_t used = 0;
+    const std::size_t length = PeekCount(offset + 1, used);
     if (length >= capacity)
     {
         throw RemotingException("String of {0} bytes does not fit a capacity of {1} bytes with its terminator.", length, capacity);
     }
-    offset += 5;
+    offset += 1 + used;
     Require(offset + length);
     const auto* text = reinterpret_cast<const char*>(data + *position + offset);
     if (std::memchr(text, '\0', length) != nullptr)
     {
         throw RemotingException("String of {0} bytes contains a zero byte.", length);
     }
+    // Past the new terminator only the old text's bytes can be non-zero.
+    const std::size_t oldLength = buffer[0] == '\0' ? 0 : ::strnlen(buffer, capacity);
     std::memcpy(buffer, text, length);
-    std::memset(buffer + length, 0, capacity - length);
+    if (oldLength > length)
+    {
+        std::memset(buffer + length, 0, (oldLength < capacity ? oldLength + 1 : capacity) - length);
+    }
+    else
+    {
+        buffer[length] = '\0';
+    }
     *position += offset + length;
 }
 
 std::size_t RemotingReader::ReadArrayLength()
 {
-    Require(4);
-    const std::uint32_t count = DecodeUInt32(data + *position);
+    std::size_t used = 0;
+    const std::uint32_t count = PeekCount(0, used);
     if (count > MaxCount)
     {
         throw RemotingException("Array count {0} is above the largest count {1}.", count, MaxCount);
     }
-    return ReadUInt32();
+    *position += used;
+    return count;
 }
 
 void RemotingReader::ReadDataInternal(void* buffer, std::size_t size)
@@ -152,19 +196,17 @@ DateTime RemotingReader::ReadDateTime()
 void RemotingReader::ReadBeginStruct(std::size_t expectedFieldCount)
 {
     Require(1);
-    const std::uint8_t tag = data[*position];
-    if (tag != static_cast<std::uint8_t>(RscType::Struct))
+    if (data[*position] != static_cast<std::uint8_t>(RscType::Struct))
     {
-        throw RemotingException("Unexpected tag {0} where {1} was expected.", static_cast<unsigned>(tag),
-                                static_cast<unsigned>(RscType::Struct));
+        ThrowUnexpectedTag(data[*position], RscType::Struct);
     }
-    Require(5);
-    const std::uint32_t fieldCount = DecodeUInt32(data + *position + 1);
+    std::size_t used = 0;
+    const std::uint32_t fieldCount = PeekCount(1, used);
     if (fieldCount != expectedFieldCount)
     {
         throw RemotingException("Unexpected struct field count {0} where {1} was expected.", fieldCount, expectedFieldCount);
     }
-    *position += 5;
+    *position += 1 + used;
 }
 
 RemotingReader& RemotingReader::GetNestedDataReader()
@@ -178,14 +220,6 @@ RemotingReader& RemotingReader::GetNestedDataReader()
         nested.reset(new RemotingReader(data, size, position, depth + 1));
     }
     return *nested;
-}
-
-std::uint32_t RemotingReader::ReadUInt32()
-{
-    Require(4);
-    const std::uint32_t value = DecodeUInt32(data + *position);
-    *position += 4;
-    return value;
 }
 
 } // namespace Zun::System::Rsc

@@ -11,6 +11,28 @@ namespace Zun::System::Rsc
 namespace
 {
 
+std::size_t CountSize(std::uint32_t value) noexcept
+{
+    std::size_t size = 1;
+    while (value >= 0x80)
+    {
+        value >>= 7;
+        ++size;
+    }
+    return size;
+}
+
+std::uint8_t* EncodeCount(std::uint32_t value, std::uint8_t* out) noexcept
+{
+    while (value >= 0x80)
+    {
+        *out++ = static_cast<std::uint8_t>(value | 0x80);
+        value >>= 7;
+    }
+    *out++ = static_cast<std::uint8_t>(value);
+    return out;
+}
+
 constexpr std::size_t MaxCount = 0x7FFFFFFF;
 
 bool IsKnownEncoding(RscStringEncoding encoding) noexcept
@@ -18,13 +40,6 @@ bool IsKnownEncoding(RscStringEncoding encoding) noexcept
     return encoding == RscStringEncoding::Ascii || encoding == RscStringEncoding::Utf8;
 }
 
-void AppendUInt32(std::vector<std::uint8_t>& buffer, std::uint32_t value)
-{
-    for (int i = 0; i < 4; ++i)
-    {
-        buffer.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-    }
-}
 
 } // namespace
 
@@ -34,9 +49,16 @@ RemotingWriter::RemotingWriter(std::vector<std::uint8_t>& buffer, unsigned depth
 
 RemotingWriter::~RemotingWriter() = default;
 
+std::uint8_t* RemotingWriter::Grow(std::size_t count)
+{
+    const std::size_t at = buffer.size();
+    buffer.resize(at + count);
+    return buffer.data() + at;
+}
+
 void RemotingWriter::WriteTag(RscType tag)
 {
-    buffer.push_back(static_cast<std::uint8_t>(tag));
+    *Grow(1) = static_cast<std::uint8_t>(tag);
 }
 
 void RemotingWriter::WriteStringInternal(const char* text, std::size_t capacity, RscStringEncoding encoding, bool withTag)
@@ -60,13 +82,16 @@ void RemotingWriter::WriteStringInternal(const char* text, std::size_t capacity,
     {
         throw RemotingException("String of {0} bytes is longer than {1} bytes.", length, MaxCount);
     }
+    // Header and text in one growth of the buffer.
+    const std::size_t headSize = (withTag ? 1 : 0) + 1 + CountSize(static_cast<std::uint32_t>(length));
+    std::uint8_t* out = Grow(headSize + length);
     if (withTag)
     {
-        WriteTag(RscType::String);
+        *out++ = static_cast<std::uint8_t>(RscType::String);
     }
-    buffer.push_back(static_cast<std::uint8_t>(encoding));
-    WriteUInt32(static_cast<std::uint32_t>(length));
-    buffer.insert(buffer.end(), text, text + length);
+    *out++ = static_cast<std::uint8_t>(encoding);
+    out = EncodeCount(static_cast<std::uint32_t>(length), out);
+    std::memcpy(out, text, length);
 }
 
 void RemotingWriter::WriteArrayLength(std::size_t count)
@@ -75,7 +100,7 @@ void RemotingWriter::WriteArrayLength(std::size_t count)
     {
         throw RemotingException("Array count {0} is above the largest count {1}.", count, MaxCount);
     }
-    WriteUInt32(static_cast<std::uint32_t>(count));
+    WriteCount(static_cast<std::uint32_t>(count));
 }
 
 void RemotingWriter::WriteDataInternal(const void* data, std::size_t size)
@@ -88,16 +113,16 @@ void RemotingWriter::WriteDataInternal(const void* data, std::size_t size)
     {
         throw Commons::ArgumentException::Create("data", "Data to write must not be null.");
     }
-    const auto* bytes = static_cast<const std::uint8_t*>(data);
-    buffer.insert(buffer.end(), bytes, bytes + size);
+    std::memcpy(Grow(size), data, size);
 }
 
 void RemotingWriter::WriteDateTime(const DateTime& value)
 {
     const std::uint64_t raw = value.ToBinary();
+    std::uint8_t* out = Grow(8);
     for (int i = 0; i < 8; ++i)
     {
-        buffer.push_back(static_cast<std::uint8_t>(raw >> (8 * i)));
+        out[i] = static_cast<std::uint8_t>(raw >> (8 * i));
     }
 }
 
@@ -107,8 +132,9 @@ void RemotingWriter::WriteBeginStruct(std::size_t fieldCount)
     {
         throw RemotingException("Struct field count {0} is above the largest count {1}.", fieldCount, MaxCount);
     }
-    WriteTag(RscType::Struct);
-    WriteUInt32(static_cast<std::uint32_t>(fieldCount));
+    std::uint8_t* out = Grow(1 + CountSize(static_cast<std::uint32_t>(fieldCount)));
+    *out++ = static_cast<std::uint8_t>(RscType::Struct);
+    EncodeCount(static_cast<std::uint32_t>(fieldCount), out);
 }
 
 RemotingWriter& RemotingWriter::GetNestedDataWriter()
@@ -124,9 +150,9 @@ RemotingWriter& RemotingWriter::GetNestedDataWriter()
     return *nested;
 }
 
-void RemotingWriter::WriteUInt32(std::uint32_t value)
+void RemotingWriter::WriteCount(std::uint32_t value)
 {
-    AppendUInt32(buffer, value);
+    EncodeCount(value, Grow(CountSize(value)));
 }
 
 } // namespace Zun::System::Rsc

@@ -279,7 +279,7 @@ TEST_F(TransportTest, BadFramesAreRefusedAndTheServiceGoesOn)
     ASSERT_EQ(IoResult::Ok, SocketChannel::Connect(socket.string(), deadline, channel));
     const std::vector<std::uint8_t> payloads[] = {
         {},                                         // no arguments at all
-        {8, 1, 0, 0, 0, 19, 2, 255, 255, 255, 255}, // a name longer than the frame
+        {8, 1, 0, 0, 0, 19, 2, 0x80, 0x01},         // a name longer than the frame
         {8, 1, 0},                                  // kind cut short
     };
     std::uint32_t id = 100;

@@ -82,6 +82,8 @@ TEST(ManifestTest, ReadFailuresKeepWhatWasReadAndLeaveTheRest)
     afterText5.Text5 = Zun::String();
     Manifest afterBehavior = afterText5;
     afterBehavior.UpdateBehavior = 0;
+    Manifest afterTags = afterBehavior; // a tag whose reading failed is not kept
+    afterTags.Tags.emplace_back("n", "v");
     const ReadFailureCase cases[] = {
         {"unspecified date", Texts().Tag(RscType::DateTime).Date(Unspecified).Text("t4").TextListHeader(0).bytes, notSupported,
          "DateTimeKind Unspecified not supported.", WithHead(Old(), Unspecified)},
@@ -93,8 +95,12 @@ TEST(ManifestTest, ReadFailuresKeepWhatWasReadAndLeaveTheRest)
          remoting, "Unexpected tag 8 where 9 was expected.", afterText5},
         {"tag count at the limit",
          Texts().Tag(RscType::DateTime).Date(Released).Text("").TextListHeader(0).Text("").UInt32(0).Tag(RscType::Array).Struct(2)
-             .U32(Manifest::MaxListCount).bytes,
+             .Count(Manifest::MaxListCount).bytes,
          lengthError, "vector::reserve", afterBehavior},
+        {"second tag cut short",
+         Texts().Tag(RscType::DateTime).Date(Released).Text("").TextListHeader(0).Text("").UInt32(0).Tag(RscType::Array).Struct(2)
+             .Count(2).Text("n").Text("v").Text("m").bytes,
+         remoting, "Unexpected end of data: 1 bytes needed, 0 left.", afterTags},
     };
     for (const auto& c : cases)
     {

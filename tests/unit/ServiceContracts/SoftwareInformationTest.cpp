@@ -55,7 +55,7 @@ void AppendManifest(WireBytes& wire, const char* version, DateTime date, std::ui
         .TextListHeader(2).Text("l1", false).Text("l2", false)
         .Text("five")
         .UInt32(behavior)
-        .Tag(RscType::Array).Struct(2).U32(2).Text("os").Text("linux").Text("arch").Text("armhf");
+        .Tag(RscType::Array).Struct(2).Count(2).Text("os").Text("linux").Text("arch").Text("armhf");
 }
 
 Bytes Expected(bool hasPending)

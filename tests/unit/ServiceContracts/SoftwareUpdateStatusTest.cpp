@@ -24,7 +24,7 @@ SoftwareUpdateStatus ErrorStatus()
 TEST(SoftwareUpdateStatusTest, WritesTheExactSequenceAndReadsItBack)
 {
     const Bytes expected = {
-        19, 2, 6, 0, 0, 0, 'f', 'a', 'i', 'l', 'e', 'd', // ErrorMessage
+        19, 2, 6, 'f', 'a', 'i', 'l', 'e', 'd', // ErrorMessage
         8,  0xFE, 0xFF, 0xFF, 0xFF,                       // StatusWord1
         8,  4, 3, 2, 1,                                   // StatusWord2
         8,  2, 0, 0, 0,                                   // InstallationState Error

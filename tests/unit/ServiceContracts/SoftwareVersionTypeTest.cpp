@@ -77,7 +77,7 @@ TEST(SoftwareVersionTypeTest, PatchCountAtTheLimitIsALengthErrorBelowItAStreamFa
     EXPECT_EQ(version.SoftwareRevision, Text("1.2.0"));
     // Just below the limit the count is believed, but the stream runs out: no giant allocation.
     EXPECT_EQ(ReadFailure<Zun::System::Rsc::RemotingException>(Head(SoftwareVersionType::MaxListCount - 1).bytes, version),
-              "Unexpected end of data: 5 bytes needed, 0 left.");
+              "Unexpected end of data: 1 bytes needed, 0 left.");
 }
 
 TEST(SoftwareVersionTypeTest, ResetAndEqualityCoverEveryField)

@@ -30,8 +30,17 @@ public:
         bytes.push_back(value);
         return *this;
     }
-    // Little-endian, as counts travel and as the target stores its integers.
+    // Little-endian, as the target stores its integers.
     WireBytes& U32(std::uint32_t value) { return Byte(value & 0xFF).Byte((value >> 8) & 0xFF).Byte((value >> 16) & 0xFF).Byte(value >> 24); }
+    // Lengths and counts: 7 bits a byte, low bits first, high bit on all but the last byte.
+    WireBytes& Count(std::uint32_t value)
+    {
+        for (; value >= 0x80; value >>= 7)
+        {
+            Byte(static_cast<std::uint8_t>(value | 0x80));
+        }
+        return Byte(static_cast<std::uint8_t>(value));
+    }
     // A string: [tag 19] encoding 2, length, bytes.
     WireBytes& Text(const std::string& text, bool withTag = true)
     {
@@ -39,16 +48,16 @@ public:
         {
             Tag(RscType::String);
         }
-        Byte(2).U32(static_cast<std::uint32_t>(text.size()));
+        Byte(2).Count(static_cast<std::uint32_t>(text.size()));
         bytes.insert(bytes.end(), text.begin(), text.end());
         return *this;
     }
     WireBytes& Date(DateTime date) { return U32(static_cast<std::uint32_t>(date.ToBinary())).U32(static_cast<std::uint32_t>(date.ToBinary() >> 32)); }
-    WireBytes& Struct(std::uint32_t fieldCount) { return Tag(RscType::Struct).U32(fieldCount); }
+    WireBytes& Struct(std::uint32_t fieldCount) { return Tag(RscType::Struct).Count(fieldCount); }
     WireBytes& Int32(std::int32_t value) { return Tag(RscType::Int32).U32(static_cast<std::uint32_t>(value)); }
     WireBytes& UInt32(std::uint32_t value) { return Tag(RscType::UInt32).U32(value); }
     WireBytes& Bool(bool value) { return Tag(RscType::Bool).Byte(value ? 1 : 0); }
-    WireBytes& TextListHeader(std::uint32_t count) { return Tag(RscType::Array).Tag(RscType::String).U32(count); }
+    WireBytes& TextListHeader(std::uint32_t count) { return Tag(RscType::Array).Tag(RscType::String).Count(count); }
 
     Bytes bytes;
 };

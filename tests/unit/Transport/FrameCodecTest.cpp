@@ -79,11 +79,11 @@ TEST(FrameCodecTest, RecordsAndListsRoundTripAndAnImpossibleCountIsRefused)
     Bytes empty;
     Zun::System::Rsc::RemotingWriter emptyWriter(empty);
     WriteRecordList(emptyWriter, {});
-    empty[empty.size() - 4] = 0xFF; // count 255 with no bytes behind it
+    empty.back() = 0x7F; // count 127 with no bytes behind it
     Zun::System::Rsc::RemotingReader emptyReader(empty.data(), empty.size());
     list.clear();
     EXPECT_EQ(MessageOf<RemotingException>([&] { ReadRecordList(emptyReader, list); }),
-              "A list of 255 records cannot fit in the remaining 0 bytes.");
+              "A list of 127 records cannot fit in the remaining 0 bytes.");
     EXPECT_TRUE(list.empty());
 }
 

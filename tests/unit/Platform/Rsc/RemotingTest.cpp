@@ -26,10 +26,12 @@ using ZunTest::MessageOf;
 using Bytes = std::vector<std::uint8_t>;
 using Encoding = RscStringEncoding;
 
-// The whole buffer after the read, so that what follows the text is checked too.
+// The whole buffer after the read, so that what follows the text is checked too. The buffer held a
+// longer text before, which must not show behind the new one.
 std::string ReadText(RemotingReader& reader, std::size_t capacity, Encoding encoding, bool withTag)
 {
     std::string buffer(capacity, 'x');
+    buffer.back() = '\0';
     reader.ReadStringInternal(buffer.data(), capacity, encoding, withTag);
     return buffer;
 }
@@ -48,15 +50,17 @@ TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
     const DateTime date(0x0102030405060708, DateTimeKind::Utc);
     const std::vector<EncodingCase> cases = {
         {"tag", [](RemotingWriter& w) { w.WriteTag(RscType::DateTime); }, {23}, [](RemotingReader& r) { r.ReadTag(RscType::DateTime); }},
-        {"string with tag", [](RemotingWriter& w) { w.WriteStringInternal("ab", 512, Encoding::Utf8, true); }, {19, 2, 2, 0, 0, 0, 'a', 'b'},
+        {"string with tag", [](RemotingWriter& w) { w.WriteStringInternal("ab", 512, Encoding::Utf8, true); }, {19, 2, 2, 'a', 'b'},
          [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 6, Encoding::Utf8, true), std::string("ab\0\0\0\0", 6)); }},
-        {"string without tag", [](RemotingWriter& w) { w.WriteStringInternal("xyz", 4, Encoding::Ascii, false); }, {1, 3, 0, 0, 0, 'x', 'y', 'z'},
+        {"string without tag", [](RemotingWriter& w) { w.WriteStringInternal("xyz", 4, Encoding::Ascii, false); }, {1, 3, 'x', 'y', 'z'},
          [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 4, Encoding::Ascii, false), std::string("xyz\0", 4)); }},
-        {"empty string", [](RemotingWriter& w) { w.WriteStringInternal("", 1, Encoding::Utf8, true); }, {19, 2, 0, 0, 0, 0},
+        {"empty string", [](RemotingWriter& w) { w.WriteStringInternal("", 1, Encoding::Utf8, true); }, {19, 2, 0},
          [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 3, Encoding::Utf8, true), std::string(3, '\0')); }},
-        {"array length", [](RemotingWriter& w) { w.WriteArrayLength(0x01020304); }, {4, 3, 2, 1},
-         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 0x01020304u); }},
-        {"largest array length", [](RemotingWriter& w) { w.WriteArrayLength(0x7FFFFFFF); }, {0xFF, 0xFF, 0xFF, 0x7F},
+        {"one-byte array length", [](RemotingWriter& w) { w.WriteArrayLength(127); }, {0x7F},
+         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 127u); }},
+        {"two-byte array length", [](RemotingWriter& w) { w.WriteArrayLength(300); }, {0xAC, 0x02},
+         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 300u); }},
+        {"largest array length", [](RemotingWriter& w) { w.WriteArrayLength(0x7FFFFFFF); }, {0xFF, 0xFF, 0xFF, 0xFF, 0x07},
          [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 0x7FFFFFFFu); }},
         {"raw data", [&](RemotingWriter& w) { w.WriteDataInternal(&minusTwo, 4); }, {0xFE, 0xFF, 0xFF, 0xFF},
          [](RemotingReader& r) {
@@ -67,7 +71,7 @@ TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
         {"no data", [](RemotingWriter& w) { w.WriteDataInternal(nullptr, 0); }, {}, [](RemotingReader&) {}},
         {"date", [&](RemotingWriter& w) { w.WriteDateTime(date); }, {8, 7, 6, 5, 4, 3, 2, 0x41},
          [&](RemotingReader& r) { EXPECT_EQ(r.ReadDateTime(), date); }},
-        {"struct header", [](RemotingWriter& w) { w.WriteBeginStruct(13); }, {18, 13, 0, 0, 0},
+        {"struct header", [](RemotingWriter& w) { w.WriteBeginStruct(13); }, {18, 13},
          [](RemotingReader& r) { r.ReadBeginStruct(13); }},
     };
     for (const auto& c : cases)
@@ -104,25 +108,27 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
     const std::vector<FaultCase> cases = {
         {"wrong tag", {8}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected tag 8 where 2 was expected."},
         {"tag at end", {}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected end of data: 1 bytes needed, 0 left."},
-        {"string tag", {20, 2, 0, 0, 0, 0}, text(8, true), "Unexpected tag 20 where 19 was expected."},
-        {"string encoding", {19, 1, 0, 0, 0, 0}, text(8, true), "Unexpected string encoding 1 where 2 was expected."},
-        {"string no room for terminator", {2, 4, 0, 0, 0, 'a', 'b', 'c', 'd'}, text(4, false),
+        {"string tag", {20, 2, 0}, text(8, true), "Unexpected tag 20 where 19 was expected."},
+        {"string encoding", {19, 1, 0}, text(8, true), "Unexpected string encoding 1 where 2 was expected."},
+        {"string no room for terminator", {2, 4, 'a', 'b', 'c', 'd'}, text(4, false),
          "String of 4 bytes does not fit a capacity of 4 bytes with its terminator."},
-        {"string huge length", {2, 0xFF, 0xFF, 0xFF, 0xFF}, text(512, false),
+        {"string huge length", {2, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}, text(512, false),
          "String of 4294967295 bytes does not fit a capacity of 512 bytes with its terminator."},
-        {"string with zero byte", {2, 3, 0, 0, 0, 'a', 0, 'b'}, text(8, false), "String of 3 bytes contains a zero byte."},
-        {"string header cut", {19, 2, 3, 0}, text(8, true), "Unexpected end of data: 6 bytes needed, 4 left."},
-        {"string body cut", {19, 2, 3, 0, 0, 0, 'a', 'b'}, text(8, true), "Unexpected end of data: 9 bytes needed, 8 left."},
-        {"array count", {0, 0, 0, 0x80}, [](RemotingReader& r) { r.ReadArrayLength(); },
+        {"string with zero byte", {2, 3, 'a', 0, 'b'}, text(8, false), "String of 3 bytes contains a zero byte."},
+        {"string header cut", {19, 2}, text(8, true), "Unexpected end of data: 3 bytes needed, 2 left."},
+        {"string body cut", {19, 2, 3, 'a', 'b'}, text(8, true), "Unexpected end of data: 6 bytes needed, 5 left."},
+        {"array count", {0x80, 0x80, 0x80, 0x80, 0x08}, [](RemotingReader& r) { r.ReadArrayLength(); },
          "Array count 2147483648 is above the largest count 2147483647."},
-        {"array count cut", {1, 0, 0}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Unexpected end of data: 4 bytes needed, 3 left."},
+        {"count cut", {0x81, 0x80}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Unexpected end of data: 3 bytes needed, 2 left."},
+        {"count not in its shortest form", {0x81, 0x00}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Count not in its shortest form."},
+        {"count wider than 32 bits", {0xFF, 0xFF, 0xFF, 0xFF, 0x10}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Count wider than 32 bits."},
         {"data cut", {1, 2, 3}, [](RemotingReader& r) { std::uint32_t v; r.ReadDataInternal(&v, 4); },
          "Unexpected end of data: 4 bytes needed, 3 left."},
         {"date cut", {1, 2, 3, 4, 5, 6, 7}, [](RemotingReader& r) { r.ReadDateTime(); }, "Unexpected end of data: 8 bytes needed, 7 left."},
-        {"struct tag", {20, 2, 0, 0, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected tag 20 where 18 was expected."},
-        {"struct field count", {18, 3, 0, 0, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); },
+        {"struct tag", {20, 2}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected tag 20 where 18 was expected."},
+        {"struct field count", {18, 3}, [](RemotingReader& r) { r.ReadBeginStruct(2); },
          "Unexpected struct field count 3 where 2 was expected."},
-        {"struct header cut", {18, 2, 0}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected end of data: 5 bytes needed, 3 left."},
+        {"struct header cut", {18}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected end of data: 2 bytes needed, 1 left."},
     };
     for (const auto& c : cases)
     {

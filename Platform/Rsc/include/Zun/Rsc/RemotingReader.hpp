@@ -1,7 +1,7 @@
 // Reads the byte stream that RemotingWriter writes (encoding described there). Every fault of the
-// input is a RemotingException, never undefined behaviour: an unexpected tag or encoding, a string
-// that does not fit its capacity, a count above 2^31 - 1, a wrong struct field count, and the end
-// of the data.
+// input is a RemotingException, never undefined behaviour: an unexpected tag or encoding, a count
+// not in its shortest form or wider than 32 bits, a string that does not fit its capacity, a count
+// above 2^31 - 1, a wrong struct field count, and the end of the data.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,9 @@ public:
     RemotingReader& operator=(const RemotingReader&) = delete;
 
     void ReadTag(RscType expected);
-    // Fills `buffer` (capacity bytes) with the text and zeroes the rest of it.
+    // Writes the text and its terminator into `buffer` (capacity bytes) and zeroes what is left of
+    // the text it held before, so that a buffer zeroed beyond its terminator stays so (as an
+    // RscString always is) without clearing all of its capacity for every text.
     void ReadStringInternal(char* buffer, std::size_t capacity, RscStringEncoding encoding, bool withTag);
     std::size_t ReadArrayLength();
     void ReadDataInternal(void* buffer, std::size_t size);
@@ -47,7 +49,9 @@ public:
 private:
     RemotingReader(const std::uint8_t* data, std::size_t size, std::size_t* position, unsigned depth);
     void Require(std::size_t count) const;
-    std::uint32_t ReadUInt32();
+    // Decodes the count that starts `offset` bytes past the position, without moving it; `used`
+    // gets its length in bytes.
+    std::uint32_t PeekCount(std::size_t offset, std::size_t& used) const;
 
     const std::uint8_t* data;
     std::size_t size;

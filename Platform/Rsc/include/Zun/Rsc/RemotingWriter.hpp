@@ -1,11 +1,15 @@
-// Writes the remote-call byte stream. The encoding, in one place (all integers little-endian):
+// Writes the remote-call byte stream. The encoding, in one place:
 //
 //   tag            1 byte, an RscType value
-//   string         [tag 19, if written with its tag] encoding (1 byte) length (u32) bytes (no terminator)
-//   array length   u32
+//   count          unsigned LEB128 in its shortest form: 7 bits a byte, low bits first, the top bit
+//                  set on every byte but the last; 1 byte up to 127, at most 5 bytes
+//   string         [tag 19, if written with its tag] encoding (1 byte) length (count) bytes (no terminator)
+//   array length   count
 //   raw data       the bytes as given (the records write their 32-bit fields and booleans this way)
-//   date and time  8 bytes, the DateTime's binary value (ticks and kind)
-//   struct header  tag 18, field count (u32)
+//   date and time  8 bytes little-endian, the DateTime's binary value (ticks and kind)
+//   struct header  tag 18, field count (count)
+//
+// Texts are mostly far shorter than their capacity, so a one-byte length is the common case.
 //
 // Nested records are written through the nested-data writer, which appends to the same buffer and
 // counts the nesting depth (at most MaxDepth levels).
@@ -50,7 +54,9 @@ public:
 
 private:
     RemotingWriter(std::vector<std::uint8_t>& buffer, unsigned depth);
-    void WriteUInt32(std::uint32_t value);
+    void WriteCount(std::uint32_t value);
+    // Appends `count` bytes for the caller to fill.
+    std::uint8_t* Grow(std::size_t count);
 
     std::vector<std::uint8_t>& buffer;
     unsigned depth;
