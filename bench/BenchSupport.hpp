@@ -142,8 +142,9 @@ public:
         socketPath = folder / "sm.sock";
         const std::filesystem::path state = folder / "state";
         Services::SoftwareManager::Service::ManagerService::EnsureStateDirectory(state);
-        service =
-            std::make_unique<Services::SoftwareManager::Service::ManagerService>(state, Services::SoftwareManager::Service::TestControls{});
+        // Pack builds unsigned packages: the benchmarks measure the transport, not the signature check.
+        service = std::make_unique<Services::SoftwareManager::Service::ManagerService>(state, Services::SoftwareManager::Service::TestControls{},
+                                                                                       Services::SoftwareManager::Service::PackageTrust{{}, true});
         service->CreateSamples();
         server = std::make_unique<Services::SoftwareManager::Service::ServiceServer>(*service, String(socketPath.string()), std::nullopt);
         server->Listen();

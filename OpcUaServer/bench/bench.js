@@ -48,7 +48,7 @@ function makePackage(n) {
     const manifest = path.join(work, `manifest-${n}.json`);
     fs.writeFileSync(manifest, JSON.stringify({ version: `2.0.${n}`, manufacturer: "Zun", manufacturerUri: Uri, releaseDate: "2026-11-21T10:00:00Z" }));
     const output = path.join(work, `package-${n}.tar`);
-    execFileSync(path.join(bin, "zun-software-manager"), ["pack", "--manifest", manifest, "--payload", payload, "-o", output]);
+    execFileSync(path.join(bin, "zun-software-manager"), ["pack", "--manifest", manifest, "--payload", payload, "-o", output, "--key", path.join(work, "signing.pem")]);
     return fs.readFileSync(output);
 }
 
@@ -66,7 +66,10 @@ async function time(action) {
 }
 
 async function main() {
-    startProgram("zun-software-manager", ["--state-dir", path.join(work, "manager"), "--socket", path.join(work, "manager.sock"), "--phase-delay-ms", "0"]);
+    fs.mkdirSync(path.join(work, "keyring"));
+    execFileSync(path.join(bin, "zun-software-manager"), ["keygen", "--private", path.join(work, "signing.pem"), "--public", path.join(work, "keyring", "bench.pem")]);
+    startProgram("zun-software-manager", ["--state-dir", path.join(work, "manager"), "--socket", path.join(work, "manager.sock"), "--phase-delay-ms", "0",
+        "--keyring", path.join(work, "keyring")]);
     await socketReady(path.join(work, "manager.sock"));
     startProgram("zun-update-service", ["--state-dir", path.join(work, "service"), "--socket", path.join(work, "service.sock"), "--manager-socket", path.join(work, "manager.sock")]);
     await socketReady(path.join(work, "service.sock"));

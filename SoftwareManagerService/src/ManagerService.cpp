@@ -14,7 +14,9 @@
 #include "Zun/Commons/PosixCall.hpp"
 #include "Zun/SoftwareManager/FrameCodec.hpp"
 #include "Zun/SoftwareManagerService/FileSystem.hpp"
+#include "Zun/SoftwareManagerService/Keyring.hpp"
 #include "Zun/SoftwareManagerService/PackageFormat.hpp"
+#include "Zun/SoftwareManagerService/SigningKey.hpp"
 
 namespace Zun::Services::SoftwareManager::Service
 {
@@ -119,10 +121,19 @@ bool ManagerService::EnsureStateDirectory(const fs::path& stateDirectory)
     return true;
 }
 
-ManagerService::ManagerService(const fs::path& stateDirectoryIn, TestControls controlsIn)
-    : stateDirectory(fs::canonical(stateDirectoryIn)), incomingDirectory(stateDirectory / "incoming"), controls(controlsIn)
+ManagerService::ManagerService(const fs::path& stateDirectoryIn, TestControls controlsIn, PackageTrust trustIn)
+    : stateDirectory(fs::canonical(stateDirectoryIn)), incomingDirectory(stateDirectory / "incoming"), controls(controlsIn), trust(std::move(trustIn))
 {
+    if (trust.keyring.empty())
+    {
+        trust.keyring = stateDirectory / "keyring";
+    }
     fs::create_directories(incomingDirectory);
+    fs::create_directories(trust.keyring);
+    if (trust.allowUnsigned)
+    {
+        log.Log(3, "Unsigned packages are accepted (--allow-unsigned): for development only.");
+    }
     for (SoftwareKind kind : {SoftwareKind::GenericFiles, SoftwareKind::TesmoraEngineerProject})
     {
         fs::create_directories(stateDirectory / "components" / GetKindFolder(kind));
@@ -447,11 +458,11 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
     }
     const fs::path staged = component.directory / "staged" / std::to_string(serial);
     const fs::path temporary = component.directory / "staged" / (std::to_string(serial) + ".tmp");
-    Manifest manifest;
+    ExtractedPackage package;
     try
     {
         RemoveAll(temporary);
-        manifest = ExtractPackage(fd.Get(), temporary);
+        package = ExtractPackage(fd.Get(), temporary, Keyring::Load(trust.keyring), trust.allowUnsigned);
         PosixCall("rename", ::rename, temporary.c_str(), staged.c_str());
         SyncDirectory(staged.parent_path());
     }
@@ -466,6 +477,16 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
         RemoveAll(temporary);
         throw;
     }
+    if (package.signer.empty())
+    {
+        log.Log(3, "{0} / {1}: the package '{2}' is NOT signed; it is staged only because unsigned packages are allowed.",
+                GetKindFolder(component.kind), component.name, reference);
+    }
+    else
+    {
+        log.Log(6, "{0} / {1}: the package '{2}' is signed by {3}.", GetKindFolder(component.kind), component.name, reference, package.signer);
+    }
+    const Manifest& manifest = package.manifest;
     std::optional<std::uint64_t> previous;
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -715,6 +736,8 @@ void ManagerService::CreateSamples()
     const fs::path work = stateDirectory / ".samples";
     RemoveAll(work);
     fs::create_directories(work);
+    const SigningKey key = SigningKey::Generate();
+    WriteFileAtomically(trust.keyring / "samples.pem", key.PublicPem());
     for (const Sample& sample : samples)
     {
         fs::create_directories(stateDirectory / "components" / GetKindFolder(sample.kind) / sample.name);
@@ -733,7 +756,7 @@ void ManagerService::CreateSamples()
                 {"updateBehavior", 0},
                 {"tags", nlohmann::json::array({{{"name", "channel"}, {"value", "sample"}}})},
             };
-            WritePackage(manifest, payload, incomingDirectory / fmt::format("{}-{}.tar", sample.file, version));
+            WritePackage(manifest, payload, incomingDirectory / fmt::format("{}-{}.tar", sample.file, version), &key);
         }
         Name name{sample.name};
         System::Rsc::RscString<512> message;

@@ -17,6 +17,8 @@
 
 #include "Zun/Commons/PosixCall.hpp"
 #include "Zun/SoftwareManagerService/FileSystem.hpp"
+#include "Zun/SoftwareManagerService/Keyring.hpp"
+#include "Zun/SoftwareManagerService/SigningKey.hpp"
 
 namespace Zun::Services::SoftwareManager::Service
 {
@@ -441,7 +443,7 @@ String ComputePayloadDigest(const fs::path& payloadDirectory)
     return DigestFiles(ListPayloadFiles(payloadDirectory));
 }
 
-Manifest ExtractPackage(int fd, const fs::path& destination)
+ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyring& keyring, bool allowUnsigned)
 {
     ArchiveReader reader;
     archive_read_support_format_tar(reader.archive);
@@ -455,6 +457,8 @@ Manifest ExtractPackage(int fd, const fs::path& destination)
 
     std::string manifestText;
     bool hasManifest = false;
+    std::string signatureText;
+    bool hasSignature = false;
     std::int64_t payloadBytes = 0;
     std::size_t entries = 0;
     std::vector<char> buffer(64 * 1024);
@@ -477,21 +481,25 @@ Manifest ExtractPackage(int fd, const fs::path& destination)
         {
             throw PackageException("The package entry '{0}' is not a regular file or folder.", path);
         }
-        if (path == "manifest.json" && type == AE_IFREG)
+        if ((path == "manifest.json" || path == PackageSignature::FileName) && type == AE_IFREG)
         {
-            if (hasManifest)
+            const bool isManifest = path == "manifest.json";
+            bool& seen = isManifest ? hasManifest : hasSignature;
+            std::string& text = isManifest ? manifestText : signatureText;
+            const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
+            if (seen)
             {
-                throw PackageException("The package holds manifest.json twice.");
+                throw PackageException("The package holds {0} twice.", path);
             }
-            if (archive_entry_size(entry) > MaxManifestSize)
+            if (archive_entry_size(entry) > limit)
             {
-                throw PackageException("manifest.json is larger than {0} bytes.", MaxManifestSize);
+                throw PackageException("{0} is larger than {1} bytes.", path, limit);
             }
-            hasManifest = true;
+            seen = true;
             la_ssize_t count = 0;
             while ((count = archive_read_data(reader.archive, buffer.data(), buffer.size())) > 0)
             {
-                manifestText.append(buffer.data(), static_cast<std::size_t>(count));
+                text.append(buffer.data(), static_cast<std::size_t>(count));
             }
             if (count < 0)
             {
@@ -505,7 +513,7 @@ Manifest ExtractPackage(int fd, const fs::path& destination)
         }
         if (path.rfind("payload/", 0) != 0)
         {
-            throw PackageException("Unexpected entry '{0}' in the package; only manifest.json and payload/ belong there.", path);
+            throw PackageException("Unexpected entry '{0}' in the package; only manifest.json, manifest.sig and payload/ belong there.", path);
         }
         const fs::path target = destination / fs::path(static_cast<const std::string&>(path));
         if (type == AE_IFDIR)
@@ -539,12 +547,22 @@ Manifest ExtractPackage(int fd, const fs::path& destination)
     {
         throw PackageException("The package has no manifest.json.");
     }
+    ExtractedPackage package;
+    if (hasSignature)
+    {
+        package.signer = keyring.Verify(manifestText, ReadSignature(signatureText));
+    }
+    else if (!allowUnsigned)
+    {
+        throw PackageException("The package is not signed (it has no {0}); only packages signed by a key of the keyring {1} are accepted.",
+                               PackageSignature::FileName, keyring.GetDirectory().string());
+    }
     const nlohmann::json json = nlohmann::json::parse(manifestText, nullptr, false);
     if (json.is_discarded())
     {
         throw PackageException("manifest.json is not valid JSON.");
     }
-    Manifest manifest = ManifestFromJson(json);
+    package.manifest = ManifestFromJson(json);
     const String expected = PayloadDigestFromJson(json);
     const String actual = ComputePayloadDigest(destination / "payload");
     if (expected != actual)
@@ -552,10 +570,10 @@ Manifest ExtractPackage(int fd, const fs::path& destination)
         throw PackageException("Payload checksum mismatch: the manifest says {0} but the payload has {1}.", expected, actual);
     }
     WriteFileAtomically(destination / "manifest.json", manifestText);
-    return manifest;
+    return package;
 }
 
-void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, const fs::path& output)
+void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, const fs::path& output, const SigningKey* key)
 {
     ManifestFromJson(manifestIn);
     const auto files = ListPayloadFiles(payload);
@@ -597,6 +615,11 @@ void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, con
             }
         };
         addFile("manifest.json", &manifestText, nullptr);
+        if (key != nullptr)
+        {
+            const std::string signature = WriteSignature(key->Sign(manifestText));
+            addFile(PackageSignature::FileName, &signature, nullptr);
+        }
         for (const auto& [relative, absolute] : files)
         {
             addFile("payload/" + relative, nullptr, &absolute);

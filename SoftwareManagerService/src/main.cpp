@@ -1,9 +1,11 @@
-// zun-software-manager: the software manager service process, and the package builder ("pack").
+// zun-software-manager: the software manager service process, the package builder ("pack"), its
+// key maker ("keygen") and the offline package check ("verify").
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 
@@ -14,9 +16,11 @@
 #include "Zun/Commons/PosixCall.hpp"
 #include "Zun/SoftwareManager/DefaultPaths.hpp"
 #include "Zun/SoftwareManagerService/FileSystem.hpp"
+#include "Zun/SoftwareManagerService/Keyring.hpp"
 #include "Zun/SoftwareManagerService/ManagerService.hpp"
 #include "Zun/SoftwareManagerService/PackageFormat.hpp"
 #include "Zun/SoftwareManagerService/ServiceServer.hpp"
+#include "Zun/SoftwareManagerService/SigningKey.hpp"
 
 namespace fs = std::filesystem;
 using namespace Zun::Services::SoftwareManager::Service;
@@ -50,24 +54,77 @@ void InstallSignalHandlers()
     PosixCall("sigaction", ::sigaction, SIGPIPE, static_cast<const struct sigaction*>(&action), static_cast<struct sigaction*>(nullptr));
 }
 
-int Pack(const std::string& manifestPath, const std::string& payloadPath, const std::string& outputPath)
+int Pack(const std::string& manifestPath, const std::string& payloadPath, const std::string& outputPath, const std::string& keyPath)
 {
     const nlohmann::json manifest = nlohmann::json::parse(ReadFile(manifestPath), nullptr, false);
     if (manifest.is_discarded())
     {
         throw PackageException("'{0}' is not valid JSON.", manifestPath);
     }
-    WritePackage(manifest, payloadPath, outputPath);
-    std::cout << "Wrote " << outputPath << "\n";
+    std::optional<SigningKey> key;
+    if (!keyPath.empty())
+    {
+        key = SigningKey::Load(keyPath);
+    }
+    WritePackage(manifest, payloadPath, outputPath, key ? &*key : nullptr);
+    std::cout << "Wrote " << outputPath << (key ? ", signed by key " + key->GetKeyId() : std::string(", unsigned")) << "\n";
     return 0;
 }
 
-int Serve(const std::string& stateOption, const std::string& socketOption, std::optional<uid_t> allowUid, const TestControls& controls)
+void WriteNewFile(const std::string& path, const std::string& content, mode_t mode)
+{
+    FileDescriptor fd(PosixCall("open", ::open, path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    WriteAll(fd.Get(), content.data(), content.size());
+    PosixCall("fsync", ::fsync, fd.Get());
+}
+
+int MakeKeyPair(const std::string& privatePath, const std::string& publicPath)
+{
+    const SigningKey key = SigningKey::Generate();
+    WriteNewFile(privatePath, key.PrivatePem(), 0600);
+    WriteNewFile(publicPath, key.PublicPem(), 0644);
+    std::cout << "Key " << key.GetKeyId() << ": private key in " << privatePath << " (keep it secret; sign with pack --key), public key in "
+              << publicPath << " (copy it into the software manager's keyring).\n";
+    return 0;
+}
+
+int Verify(const std::string& packagePath, const std::string& keyringPath)
+{
+    const Keyring keyring = Keyring::Load(keyringPath);
+    FileDescriptor fd(PosixCall("open", ::open, packagePath.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string work = (fs::temp_directory_path() / "zun-verify-XXXXXX").string();
+    if (::mkdtemp(work.data()) == nullptr)
+    {
+        throw PackageException("Cannot create a temporary folder in {0}.", fs::temp_directory_path().string());
+    }
+    int result = 1;
+    try
+    {
+        const ExtractedPackage package = ExtractPackage(fd.Get(), fs::path(work) / "package", keyring, false);
+        std::cout << packagePath << ": good: version " << package.manifest.Version.CStr() << ", signed by " << package.signer
+                  << " of the keyring, payload intact.\n";
+        result = 0;
+    }
+    catch (const PackageException& e)
+    {
+        std::cerr << packagePath << ": refused: " << e.GetMessage() << "\n";
+    }
+    catch (...)
+    {
+        RemoveAll(work);
+        throw;
+    }
+    RemoveAll(work);
+    return result;
+}
+
+int Serve(const std::string& stateOption, const std::string& socketOption, std::optional<uid_t> allowUid, const TestControls& controls,
+          const PackageTrust& trust)
 {
     const fs::path stateDirectory = stateOption.empty() ? fs::path(Zun::Services::SoftwareManager::Services::Internal::Transport::GetDefaultStateDirectory())
                                                         : fs::path(stateOption);
     const bool created = ManagerService::EnsureStateDirectory(stateDirectory);
-    ManagerService service(stateDirectory, controls);
+    ManagerService service(stateDirectory, controls, trust);
     if (created)
     {
         try
@@ -81,7 +138,8 @@ int Serve(const std::string& stateOption, const std::string& socketOption, std::
             throw;
         }
         std::cerr << "zun-software-manager: created " << stateDirectory.string() << " with two sample components and their packages in "
-                  << service.GetIncomingDirectory().string() << "\n";
+                  << service.GetIncomingDirectory().string() << ", signed by a key made for them (public key "
+                  << (service.GetKeyringDirectory() / "samples.pem").string() << ")\n";
     }
     const std::string socketPath = socketOption.empty()
                                        ? Zun::Services::SoftwareManager::Services::Internal::Transport::GetSocketPathIn(fs::canonical(stateDirectory).string())
@@ -113,6 +171,10 @@ int main(int argc, char** argv)
     app.add_option("--fail-phase", failPhase, "Test control: make every installation fail in this phase")
         ->check(CLI::IsMember({"none", "prepare", "copy", "activate"}));
     app.add_flag("--keep-version", controls.keepVersion, "Test control: end installations idle without making the pending version current");
+    PackageTrust trust;
+    std::string keyringPath;
+    app.add_option("--keyring", keyringPath, "Folder of the public keys (*.pem) trusted to sign packages (default <state-dir>/keyring)");
+    app.add_flag("--allow-unsigned", trust.allowUnsigned, "Development only: stage unsigned packages too, each with a warning");
 
     std::string manifestPath;
     std::string payloadPath;
@@ -121,6 +183,21 @@ int main(int argc, char** argv)
     pack->add_option("--manifest", manifestPath, "Manifest JSON (payloadSha256 is filled in)")->required()->check(CLI::ExistingFile);
     pack->add_option("--payload", payloadPath, "Payload file or folder")->required()->check(CLI::ExistingPath);
     pack->add_option("-o,--output", outputPath, "Package to write (tar)")->required();
+    std::string keyPath;
+    pack->add_option("--key", keyPath, "Ed25519 private key (PEM) that signs the package; without it the package is unsigned")
+        ->check(CLI::ExistingFile);
+
+    std::string privatePath;
+    std::string publicPath;
+    CLI::App* keygen = app.add_subcommand("keygen", "Make an Ed25519 key pair for signing packages");
+    keygen->add_option("--private", privatePath, "Private key to write (PEM, mode 0600; must not exist)")->required();
+    keygen->add_option("--public", publicPath, "Public key to write (PEM; must not exist)")->required();
+
+    std::string packagePath;
+    std::string verifyKeyring;
+    CLI::App* verify = app.add_subcommand("verify", "Check a package offline: its signature against a keyring, its manifest and payload");
+    verify->add_option("package", packagePath, "Package (tar)")->required()->check(CLI::ExistingFile);
+    verify->add_option("--keyring", verifyKeyring, "Folder of the trusted public keys (*.pem)")->required()->check(CLI::ExistingDirectory);
 
     CLI11_PARSE(app, argc, argv);
     Zun::System::Commons::Diagnostics::Logging::LogManager::SetAllLevels(logLevel);
@@ -132,9 +209,18 @@ int main(int argc, char** argv)
     {
         if (*pack)
         {
-            return Pack(manifestPath, payloadPath, outputPath);
+            return Pack(manifestPath, payloadPath, outputPath, keyPath);
         }
-        return Serve(stateDirectory, socketPath, allowUid >= 0 ? std::optional<uid_t>(static_cast<uid_t>(allowUid)) : std::nullopt, controls);
+        if (*keygen)
+        {
+            return MakeKeyPair(privatePath, publicPath);
+        }
+        if (*verify)
+        {
+            return Verify(packagePath, verifyKeyring);
+        }
+        trust.keyring = keyringPath;
+        return Serve(stateDirectory, socketPath, allowUid >= 0 ? std::optional<uid_t>(static_cast<uid_t>(allowUid)) : std::nullopt, controls, trust);
     }
     catch (const std::exception& e)
     {

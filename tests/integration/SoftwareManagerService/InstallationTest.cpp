@@ -211,7 +211,8 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
     fs::create_symlink(outside, Incoming() / "link.tar");
     fs::create_directories(Incoming() / "sub.tar");
     std::ofstream(Incoming() / "junk.tar") << std::string(2000, 'j');
-    StartService();
+    // The hand-made packages are unsigned: what they test lies behind the signature check.
+    StartService({"--allow-unsigned"});
     proxy = MakeProxy(socket);
     ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("good.tar"), message));
     const auto stagedBefore = Names(AlphaFolder() / "staged");
@@ -245,7 +246,7 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         {"date.tar", {{"manifest.json", '0', R"({"version":"7","releaseDate":"2026-01-01T00:00:00+02:00"})"}}, StatusCodes::BadInvalidArgument,
          "was refused: Release date '2026-01-01T00:00:00+02:00' must be in UTC (ending in Z)."},
         {"stray.tar", {{"readme", '0', "x"}}, StatusCodes::BadInvalidArgument,
-         "was refused: Unexpected entry 'readme' in the package; only manifest.json and payload/ belong there."},
+         "was refused: Unexpected entry 'readme' in the package; only manifest.json, manifest.sig and payload/ belong there."},
     };
     for (const Refusal& r : refusals)
     {

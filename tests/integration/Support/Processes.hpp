@@ -1,5 +1,5 @@
 // Support of the integration tests: temporary folders, the built programs as child processes,
-// bounded polls, proxies to the software manager, and packages made with its "pack" command.
+// bounded polls, proxies to the software manager, and signed packages made with its "pack" command.
 #pragma once
 
 #include <fcntl.h>
@@ -257,7 +257,17 @@ private:
     std::unique_ptr<Child> child;
 };
 
-// A state folder without samples, holding components Alpha (kind 1) and Beta (kind 2); the manager on demand.
+// Runs the program's `command` (keygen, pack, verify) and returns its exit code; its output goes to `output`.
+inline int RunTool(std::vector<std::string> arguments, const fs::path& output)
+{
+    arguments.insert(arguments.begin(), BinaryPath("zun-software-manager"));
+    std::error_code ignored;
+    fs::remove(output, ignored);
+    return Child(arguments, output, output).Wait();
+}
+
+// A state folder without samples, holding components Alpha (kind 1) and Beta (kind 2) and a keyring
+// that trusts the key `signingKey`, which signs what Pack builds; the manager on demand.
 class ManagerFixture : public ::testing::Test
 {
 protected:
@@ -266,6 +276,9 @@ protected:
         fs::create_directories(state / "components" / "generic-files" / "Alpha");
         fs::create_directories(state / "components" / "engineer-projects" / "Beta");
         fs::create_directories(Incoming());
+        fs::create_directories(Keyring());
+        ASSERT_EQ(0, RunTool({"keygen", "--private", signingKey.string(), "--public", (Keyring() / "test.pem").string()}, temp / "keygen.log"))
+            << ReadText(temp / "keygen.log");
     }
 
     void StartService(const std::vector<std::string>& extra = {})
@@ -274,9 +287,11 @@ protected:
     }
 
     fs::path Incoming() const { return state / "incoming"; }
+    fs::path Keyring() const { return state / "keyring"; }
     fs::path AlphaFolder() const { return state / "components" / "generic-files" / "Alpha"; }
 
-    // Builds incoming/<file> with the program's pack command; `fields` are extra manifest members.
+    // Builds incoming/<file> with the program's pack command, signed with `signingKey` unless it is
+    // empty; `fields` are extra manifest members.
     void Pack(const std::string& file, const std::string& version, const std::string& content, const std::string& fields = "")
     {
         const fs::path work = temp / ("work-" + file);
@@ -286,13 +301,17 @@ protected:
         std::ofstream(work / "manifest.json") << R"({"version":")" << version
                                               << R"(","releaseDate":"2026-11-01T12:30:00Z","manufacturer":"Zun test","manufacturerUri":"urn:zun:test")"
                                               << fields << "}";
-        Child pack({BinaryPath("zun-software-manager"), "pack", "--manifest", (work / "manifest.json").string(), "--payload",
-                    (work / "payload").string(), "-o", (Incoming() / file).string()},
-                   temp / "pack.log", temp / "pack.log");
-        ASSERT_EQ(0, pack.Wait()) << ReadText(temp / "pack.log");
+        std::vector<std::string> arguments{"pack", "--manifest", (work / "manifest.json").string(), "--payload", (work / "payload").string(),
+                                           "-o", (Incoming() / file).string()};
+        if (!signingKey.empty())
+        {
+            arguments.insert(arguments.end(), {"--key", signingKey.string()});
+        }
+        ASSERT_EQ(0, RunTool(arguments, temp / "pack.log")) << ReadText(temp / "pack.log");
     }
 
     TemporaryFolder temp;
+    fs::path signingKey = temp / "signing.pem";
     fs::path state = temp / "state";
     fs::path socket = temp / "sm.sock";
     ManagerProcess manager{state, socket, temp / "service.log"};

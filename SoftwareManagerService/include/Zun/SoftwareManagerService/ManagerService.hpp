@@ -3,6 +3,7 @@
 //
 // State folder layout:
 //   incoming/                                   packages that SetSoftwarePackage may take
+//   keyring/                                    public keys trusted to sign packages (the default keyring)
 //   components/<kind folder>/<name>/state.json  state, message, manifests (the commit point)
 //   components/<kind folder>/<name>/staged/<n>/ the pending package (manifest.json, payload/)
 //   components/<kind folder>/<name>/versions/<n>/ installed content
@@ -50,6 +51,16 @@ struct TestControls
     bool keepVersion = false;
 };
 
+// Which packages are staged: those signed by a key of the keyring folder (read at every staging, so
+// that keys are added and withdrawn without a restart), and unsigned ones only when allowed.
+struct PackageTrust
+{
+    // Empty: keyring/ in the state folder.
+    std::filesystem::path keyring;
+    // For development only: every unsigned package is staged with a warning.
+    bool allowUnsigned = false;
+};
+
 class ManagerService : public ISoftwareManagerService, private System::Commons::Diagnostics::Logging::Loggable<ManagerService>
 {
 public:
@@ -58,14 +69,15 @@ public:
 
     // Opens the state folder (which must exist), reports interrupted installations as failed and
     // removes their leftovers.
-    ManagerService(const std::filesystem::path& stateDirectory, TestControls controls);
+    ManagerService(const std::filesystem::path& stateDirectory, TestControls controls, PackageTrust trust = {});
     ~ManagerService() override;
     ManagerService(const ManagerService&) = delete;
     ManagerService& operator=(const ManagerService&) = delete;
 
     // Creates a missing state folder; true when it was created (then call CreateSamples).
     static bool EnsureStateDirectory(const std::filesystem::path& stateDirectory);
-    // One installed component per kind, and a newer package of each in incoming/.
+    // One installed component per kind, and a newer package of each in incoming/, signed by a key
+    // made for them whose public half joins the keyring as samples.pem; the private half is not kept.
     void CreateSamples();
     // Ends running installations where they stand; they are reported as interrupted on the next start.
     void Shutdown();
@@ -82,6 +94,7 @@ public:
     ServiceStatusCode ResumeInstallation(SoftwareKind kind, const Name& name) override;
 
     const std::filesystem::path& GetIncomingDirectory() const noexcept { return incomingDirectory; }
+    const std::filesystem::path& GetKeyringDirectory() const noexcept { return trust.keyring; }
 
 private:
     struct Component;
@@ -105,6 +118,7 @@ private:
     std::filesystem::path stateDirectory;
     std::filesystem::path incomingDirectory;
     TestControls controls;
+    PackageTrust trust;
     mutable std::mutex mutex;
     std::condition_variable stopSignal;
     bool stopping = false;
