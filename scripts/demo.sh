@@ -3,7 +3,9 @@
 # its sample state in a temporary folder, lists the components and their versions, stages and
 # installs a generic-files package with progress, then installs an engineer project while the update
 # service is stopped (as a controller restart would stop it) and shows the security notification
-# that the next start announces, the versions after, and stops the software manager.
+# that the next start announces, the versions after, and stops the software manager. On the way, a
+# package signed with a publisher key of its own is staged once the key is in the manager's keyring,
+# and a changed copy and a copy signed by an unknown key are refused with their reasons.
 #   bash scripts/demo.sh [--keep] [--phase-delay-ms N]
 #     --keep               keep the temporary state folder (its path is printed)
 #     --phase-delay-ms N   how long each installation phase of the software manager lasts (default 1000)
@@ -17,7 +19,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --keep) keep=1 ;;
     --phase-delay-ms) delay=${2:?--phase-delay-ms needs a number}; shift ;;
-    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
     *) echo "demo.sh: unknown option '$1'" >&2; exit 2 ;;
   esac
   shift
@@ -87,6 +89,31 @@ step "Stage the generic-files package and install it, following the progress"
 update stage "$files" sample-files-1.1.0.tar
 update behavior "$files" --revision 1.1.0 --uri "$uri"
 update install "$files" --revision 1.1.0 --uri "$uri" --wait
+
+step "Only signed packages: a publisher key, a package signed with it, a changed copy and one signed by an unknown key"
+manager() { show zun-software-manager "$@"; "$build/bin/zun-software-manager" "$@"; }
+keys=$work/keys
+keyring=$XDG_STATE_HOME/zun-software-manager/keyring
+incoming=$XDG_STATE_HOME/zun-software-manager/incoming
+mkdir -p "$keys" "$work/payload"
+manager keygen --private "$keys/publisher.pem" --public "$keys/publisher.pub.pem"
+manager keygen --private "$keys/stranger.pem" --public "$keys/stranger.pub.pem"
+echo "The manager reads its keyring at every staging: trusting the publisher needs no restart."
+show cp "$keys/publisher.pub.pem" "$keyring/"
+cp "$keys/publisher.pub.pem" "$keyring/"
+echo "Sample files 1.2.0" >"$work/payload/readme.txt"
+printf '{"version": "1.2.0", "manufacturer": "Zun sample manufacturer", "manufacturerUri": "%s", "releaseDate": "2026-11-20T08:00:00Z"}\n' \
+  "$uri" >"$work/manifest.json"
+for signer in publisher stranger; do
+  manager pack --manifest "$work/manifest.json" --payload "$work/payload" -o "$incoming/files-1.2.0-$signer.tar" --key "$keys/$signer.pem"
+done
+echo "files-1.2.0-changed.tar: the publisher's package with its payload changed after signing"
+perl -pe 's/Sample files 1.2.0/Sample files 6.6.6/' "$incoming/files-1.2.0-publisher.tar" >"$incoming/files-1.2.0-changed.tar"
+manager verify "$incoming/files-1.2.0-changed.tar" --keyring "$keyring" || true
+update stage "$files" files-1.2.0-changed.tar || true
+update stage "$files" files-1.2.0-stranger.tar || true
+update stage "$files" files-1.2.0-publisher.tar
+update versions "$files"
 
 step "Install the engineer project while the update service is stopped"
 update stage "$project" sample-project-1.1.0.tar
