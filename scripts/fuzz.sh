@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs one fuzz target under libFuzzer (clang 14, AddressSanitizer and UBSan) for a number of seconds.
 #   bash scripts/fuzz.sh TARGET [SECONDS] [extra libFuzzer options...]
-#   TARGET: FuzzComponentId | FuzzRecords | FuzzFrame     SECONDS: default 60
+#   TARGET: FuzzComponentId | FuzzRecords | FuzzFrame | FuzzSignature     SECONDS: default 60
 # New interesting inputs go to build/fuzz/corpus/TARGET (not committed); crash inputs to
 # build/fuzz/artifacts/. Replay one with: build/fuzz/bin/TARGET -runs=1 FILE
 set -euo pipefail
@@ -12,8 +12,8 @@ seconds=${2:-60}
 shift $(( $# >= 2 ? 2 : 1 ))
 
 case "$target" in
-  FuzzComponentId|FuzzRecords|FuzzFrame) ;;
-  *) echo "fuzz.sh: unknown target '$target' (FuzzComponentId, FuzzRecords, FuzzFrame)" >&2; exit 2 ;;
+  FuzzComponentId|FuzzRecords|FuzzFrame|FuzzSignature) ;;
+  *) echo "fuzz.sh: unknown target '$target' (FuzzComponentId, FuzzRecords, FuzzFrame, FuzzSignature)" >&2; exit 2 ;;
 esac
 [[ "$seconds" =~ ^[0-9]+$ ]] || { echo "fuzz.sh: SECONDS must be a whole number" >&2; exit 2; }
 
