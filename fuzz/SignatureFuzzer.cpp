@@ -2,7 +2,6 @@
 // with a PackageException, whatever is read writes back and reads equal, and over a fixed manifest
 // only the one signature that the seed key's owner made verifies. The seed key's private half was
 // dropped once that signature was made.
-#include <cstring>
 #include <string>
 
 #include "FuzzCheck.hpp"
@@ -32,43 +31,35 @@ const Keyring& SeedKeyring()
     return keyring;
 }
 
-bool StartsWith(const Zun::String& text, const char* prefix)
-{
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const std::string text(reinterpret_cast<const char*>(data), size);
     PackageSignature signature;
     try
     {
-        signature = ReadSignature(text);
+        signature = ReadSignature(std::string(reinterpret_cast<const char*>(data), size));
     }
     catch (const PackageException& e)
     {
         ZUN_FUZZ_CHECK(!e.GetMessage().empty(), "a refusal without a reason");
         return 0;
     }
-    ZUN_FUZZ_CHECK(signature.signature.size() == PackageSignature::SignatureSize && signature.keyId.size() == 64, "a malformed signature was read");
+    ZUN_FUZZ_CHECK(signature.signature.size() == PackageSignature::SignatureSize, "a signature of the wrong size was read");
     ZUN_FUZZ_CHECK(ReadSignature(WriteSignature(signature)) == signature, "a signature does not read back as written");
-
-    const bool isSeedKey = signature.keyId == KeyId;
+    const bool genuine = signature.keyId == KeyId && WriteSignature(signature).find(GoodSignature) != std::string::npos;
     for (const std::string& manifest : {Manifest, Manifest + " "})
     {
+        bool verified = true;
         try
         {
-            ZUN_FUZZ_CHECK(SeedKeyring().Verify(manifest, signature) == "seed.pem", "verified by a key the keyring does not name");
-            ZUN_FUZZ_CHECK(isSeedKey && manifest == Manifest && WriteSignature(signature).find(GoodSignature) != std::string::npos,
-                           "a signature verified that the seed key did not make");
+            SeedKeyring().Verify(manifest, signature);
         }
-        catch (const PackageException& e)
+        catch (const PackageException&)
         {
-            ZUN_FUZZ_CHECK(StartsWith(e.GetMessage(), isSeedKey ? "The signature does not match" : "manifest.json is signed by key "),
-                           "a refusal with the wrong reason");
+            verified = false;
         }
+        ZUN_FUZZ_CHECK(verified == (genuine && manifest == Manifest), "a forged signature verified, or the genuine one did not");
     }
     return 0;
 }

@@ -1,6 +1,6 @@
-// Staging trusts only the keyring: a signed package is staged, and a package that is unsigned,
-// altered after signing or signed by a key outside the keyring is refused with its reason, by the
-// manager and by the offline "verify" alike, and nothing of it stays staged.
+// Staging trusts only the keyring: a package that is unsigned, altered after signing or signed by a
+// key outside the keyring is refused with its reason, by the manager and by "verify" alike, and
+// nothing of it stays staged.
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -15,30 +15,19 @@ using namespace Zun::Testing::Integration;
 using namespace Manager;
 using namespace Manager::Transport;
 
-const Text Alpha("Alpha");
-
-// Replaces the byte `offset` after the first `marker` in the file by '0' ('1' if it is '0'); the
-// tar's headers stay valid.
+// Replaces the byte `offset` after `marker` by '0' ('1' if it is '0'); the tar's headers stay valid.
 void ChangeByte(const fs::path& file, const std::string& marker, std::size_t offset)
 {
     std::string bytes = ReadText(file);
-    const std::size_t at = bytes.find(marker);
-    ASSERT_NE(std::string::npos, at) << marker;
-    bytes[at + offset] = bytes[at + offset] == '0' ? '1' : '0';
+    char& byte = bytes.at(bytes.find(marker) + offset);
+    byte = byte == '0' ? '1' : '0';
     std::ofstream(file, std::ios::binary) << bytes;
 }
-
-enum class Signer
-{
-    Trusted,
-    None,
-    Stranger,
-};
 
 struct Refusal
 {
     const char* name;
-    Signer signer;
+    const char* key; // signs the package: "signing" (in the keyring), "stranger" (not), "" (none)
     std::function<void(const fs::path& package, const fs::path& keyring)> alter;
     const char* reason; // after "The package '<name>.tar' was refused: "
 };
@@ -54,52 +43,44 @@ class SigningTest : public ManagerFixture, public ::testing::WithParamInterface<
 
 TEST_P(SigningTest, OnlyWhatAKeyOfTheKeyringSignedIsStaged)
 {
-    const std::string file = std::string(GetParam().name) + ".tar";
+    const Refusal& refusal = GetParam();
+    const std::string file = std::string(refusal.name) + ".tar";
+    const Text alpha("Alpha");
     Pack("good.tar", "1.0.0", "sample content");
-    if (GetParam().signer == Signer::Stranger)
-    {
-        signingKey = temp / "stranger.pem";
-        ASSERT_EQ(0, RunTool({"keygen", "--private", signingKey.string(), "--public", (temp / "stranger.pub").string()}, temp / "log"));
-    }
-    else if (GetParam().signer == Signer::None)
-    {
-        signingKey.clear();
-    }
+    ASSERT_EQ(0, RunTool({"keygen", "--private", (temp / "stranger.pem").string(), "--public", (temp / "stranger.pub").string()}, temp / "log"));
+    signingKey = *refusal.key != '\0' ? temp / (std::string(refusal.key) + ".pem") : fs::path();
     Pack(file, "2.0.0", "sample content");
     StartService();
     const auto proxy = MakeProxy(socket);
     Text message;
-    ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("good.tar"), message)) << message.CStr();
+    ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, alpha, Text("good.tar"), message)) << message.CStr();
     const auto staged = Names(AlphaFolder() / "staged");
-    if (GetParam().alter)
+    if (refusal.alter)
     {
-        // While the manager runs: it reads the keyring at every staging.
-        GetParam().alter(Incoming() / file, Keyring());
+        refusal.alter(Incoming() / file, Keyring()); // while the manager runs: it reads the keyring at every staging
     }
 
-    EXPECT_EQ(StatusCodes::BadInvalidArgument, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text(file.c_str()), message));
-    EXPECT_EQ(0u, message.ToString().rfind("The package '" + file + "' was refused: " + GetParam().reason, 0)) << message.CStr();
+    EXPECT_EQ(StatusCodes::BadInvalidArgument, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, alpha, Text(file.c_str()), message));
+    EXPECT_EQ(0u, message.ToString().rfind("The package '" + file + "' was refused: " + refusal.reason, 0)) << message.CStr();
     SoftwareInformation information;
-    ASSERT_EQ(StatusCodes::Good, proxy->GetSoftwareInformation(SoftwareKind::GenericFiles, Alpha, information));
+    ASSERT_EQ(StatusCodes::Good, proxy->GetSoftwareInformation(SoftwareKind::GenericFiles, alpha, information));
     EXPECT_EQ("1.0.0", information.PendingManifest.Version.ToString());
     EXPECT_EQ(staged, Names(AlphaFolder() / "staged"));
-
-    const fs::path output = temp / "verify.log";
-    EXPECT_EQ(1, RunTool({"verify", (Incoming() / file).string(), "--keyring", Keyring().string()}, output));
-    EXPECT_NE(std::string::npos, ReadText(output).find(GetParam().reason)) << ReadText(output);
+    EXPECT_EQ(1, RunTool({"verify", (Incoming() / file).string(), "--keyring", Keyring().string()}, temp / "verify.log"));
+    EXPECT_NE(std::string::npos, ReadText(temp / "verify.log").find(refusal.reason)) << ReadText(temp / "verify.log");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Refusals, SigningTest,
-    ::testing::Values(Refusal{"unsigned", Signer::None, nullptr, "The package is not signed (it has no manifest.sig)"},
-                      Refusal{"manifest", Signer::Trusted, [](auto& package, auto&) { ChangeByte(package, "\"2.0.0\"", 1); },
+    ::testing::Values(Refusal{"unsigned", "", nullptr, "The package is not signed (it has no manifest.sig)"},
+                      Refusal{"manifest", "signing", [](auto& package, auto&) { ChangeByte(package, "\"2.0.0\"", 1); },
                               "The signature does not match manifest.json for key "},
-                      Refusal{"signature", Signer::Trusted, [](auto& package, auto&) { ChangeByte(package, "\"signature\": \"", 14); },
+                      Refusal{"signature", "signing", [](auto& package, auto&) { ChangeByte(package, "\"signature\": \"", 14); },
                               "The signature does not match manifest.json for key "},
-                      Refusal{"payload", Signer::Trusted, [](auto& package, auto&) { ChangeByte(package, "sample content", 0); },
+                      Refusal{"payload", "signing", [](auto& package, auto&) { ChangeByte(package, "sample content", 0); },
                               "Payload checksum mismatch"},
-                      Refusal{"stranger", Signer::Stranger, nullptr, "manifest.json is signed by key "},
-                      Refusal{"withdrawn", Signer::Trusted, [](auto&, auto& keyring) { fs::remove(keyring / "test.pem"); },
+                      Refusal{"stranger", "stranger", nullptr, "manifest.json is signed by key "},
+                      Refusal{"withdrawn", "signing", [](auto&, auto& keyring) { fs::remove(keyring / "test.pem"); },
                               "manifest.json is signed by key "}),
     [](const auto& info) { return std::string(info.param.name); });
 

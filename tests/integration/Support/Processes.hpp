@@ -266,8 +266,8 @@ inline int RunTool(std::vector<std::string> arguments, const fs::path& output)
     return Child(arguments, output, output).Wait();
 }
 
-// A state folder without samples, holding components Alpha (kind 1) and Beta (kind 2) and a keyring
-// that trusts the key `signingKey`, which signs what Pack builds; the manager on demand.
+// A state folder without samples, holding components Alpha (kind 1) and Beta (kind 2), and a keyring
+// beside it that trusts the key `signingKey`, which signs what Pack builds; the manager on demand.
 class ManagerFixture : public ::testing::Test
 {
 protected:
@@ -281,13 +281,14 @@ protected:
             << ReadText(temp / "keygen.log");
     }
 
-    void StartService(const std::vector<std::string>& extra = {})
+    void StartService(std::vector<std::string> extra = {})
     {
+        extra.insert(extra.end(), {"--keyring", Keyring().string()});
         ASSERT_TRUE(manager.Start(extra)) << manager.Log();
     }
 
     fs::path Incoming() const { return state / "incoming"; }
-    fs::path Keyring() const { return state / "keyring"; }
+    fs::path Keyring() const { return temp / "keyring"; }
     fs::path AlphaFolder() const { return state / "components" / "generic-files" / "Alpha"; }
 
     // Builds incoming/<file> with the program's pack command, signed with `signingKey` unless it is
