@@ -247,6 +247,9 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
          "was refused: Release date '2026-01-01T00:00:00+02:00' must be in UTC (ending in Z)."},
         {"stray.tar", {{"readme", '0', "x"}}, StatusCodes::BadInvalidArgument,
          "was refused: Unexpected entry 'readme' in the package; only manifest.json, manifest.sig and payload/ belong there."},
+        // Allowing unsigned packages does not let a signature that is there go unchecked.
+        {"badsig.tar", {{"manifest.json", '0', R"({"version":"7"})"}, {"manifest.sig", '0', R"({"algorithm":"Ed25519"})"}},
+         StatusCodes::BadInvalidArgument, "was refused: manifest.sig has no text field 'keyId'."},
     };
     for (const Refusal& r : refusals)
     {
