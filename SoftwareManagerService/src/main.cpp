@@ -118,6 +118,21 @@ int Verify(const std::string& packagePath, const std::string& keyringPath)
     return result;
 }
 
+// What an operator must hear of before the first package is refused, or wrongly trusted.
+void WarnAboutKeyring(const fs::path& keyring)
+{
+    if ((fs::status(keyring).permissions() & (fs::perms::group_write | fs::perms::others_write)) != fs::perms::none)
+    {
+        std::cerr << "zun-software-manager: warning: other users may write to the keyring " << keyring.string()
+                  << " and so make the manager trust their keys\n";
+    }
+    if (Keyring::Load(keyring).Size() == 0)
+    {
+        std::cerr << "zun-software-manager: warning: the keyring " << keyring.string()
+                  << " holds no public key (*.pem): no signed package is accepted until one is added\n";
+    }
+}
+
 int Serve(const std::string& stateOption, const std::string& socketOption, std::optional<uid_t> allowUid, const TestControls& controls,
           const PackageTrust& trust)
 {
@@ -141,6 +156,7 @@ int Serve(const std::string& stateOption, const std::string& socketOption, std::
                   << service.GetIncomingDirectory().string() << ", signed by a key made for them (public key "
                   << (service.GetKeyringDirectory() / "samples.pem").string() << ")\n";
     }
+    WarnAboutKeyring(service.GetKeyringDirectory());
     const std::string socketPath = socketOption.empty()
                                        ? Zun::Services::SoftwareManager::Services::Internal::Transport::GetSocketPathIn(fs::canonical(stateDirectory).string())
                                        : socketOption;
