@@ -34,7 +34,7 @@ std::vector<std::uint8_t> ErrorFrame(Operation operation, std::uint32_t requestI
 
 void PrepareSocketDirectory(const fs::path& directory)
 {
-    fs::create_directories(directory);
+    const bool created = fs::create_directories(directory);
     struct stat info
     {
     };
@@ -43,7 +43,11 @@ void PrepareSocketDirectory(const fs::path& directory)
     {
         throw System::Commons::InvalidOperationException("The socket folder '{0}' is not a folder owned by this user.", directory.string());
     }
-    PosixCall("chmod", ::chmod, directory.c_str(), static_cast<mode_t>(0700));
+    // Only a folder of its own: a shared one such as /tmp must keep its mode (the socket is 0600 anyway).
+    if (created)
+    {
+        PosixCall("chmod", ::chmod, directory.c_str(), static_cast<mode_t>(0700));
+    }
 }
 
 } // namespace
