@@ -8,12 +8,15 @@
 #include <system_error>
 #include <utility>
 
+#include "ServiceContracts/ISoftwareManagerService.hpp"
 #include "SoftwareUpdater/EntryPoint.hpp"
+#include "Zun/Commons/SecureString.hpp"
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Commons/LogManager.hpp"
 #include "Zun/Commons/Loggable.hpp"
 #include "Zun/Commons/Singleton.hpp"
 #include "Zun/Rsc/ServiceManager.hpp"
+#include "Zun/SoftwareManager/SoftwareManagerServiceProxyFactory.hpp"
 #include "Zun/UpdateService/DefaultPaths.hpp"
 #include "Zun/UpdateService/RequestValidation.hpp"
 
@@ -21,6 +24,8 @@ namespace Zun::Services::SoftwareUpdate::UpdateService
 {
 
 using System::Commons::InvalidOperationException;
+using SoftwareManagerService = Zun::Services::SoftwareManager::Services::Internal::ISoftwareManagerService;
+using Zun::Services::SoftwareManager::Services::Internal::SoftwareManagerServiceProxyFactory;
 
 namespace
 {
@@ -218,7 +223,7 @@ StatusCode ServiceHost::SetSoftwarePackage(const String& name, const String& pac
 }
 
 StatusCode ServiceHost::InstallSoftwarePackage(const String& name, const String& softwareRevision, const String& manufacturerUri,
-                                               const std::vector<String>& patchIdentifiers)
+                                               const std::vector<String>& patchIdentifiers, long long installationDelay)
 {
     CheckName(name);
     RequestValidation::CheckText("software revision", softwareRevision);
@@ -232,7 +237,33 @@ StatusCode ServiceHost::InstallSoftwarePackage(const String& name, const String&
         version.PatchIdentifiers.emplace_back(patch);
     }
     std::shared_lock<std::shared_mutex> lock(lifecycle);
-    return Module().InstallSoftwarePackage(name, version, 0);
+    return Module().InstallSoftwarePackage(name, version, installationDelay);
+}
+
+StatusCode ServiceHost::SetUpdateKey(const String& name, const String& key)
+{
+    CheckName(name);
+    RequestValidation::CheckText("key", key);
+    const SecureString<512> secret(key.c_str());
+    std::shared_lock<std::shared_mutex> lock(lifecycle);
+    return Module().SetUpdateKey(name, secret);
+}
+
+StatusCode ServiceHost::GetPackageDirectory(String& directory)
+{
+    std::shared_lock<std::shared_mutex> lock(lifecycle);
+    Module();
+    std::unique_ptr<System::Rsc::IRscService> service(
+        System::Rsc::ServiceManager::GetService(ProviderName, SoftwareManagerServiceProxyFactory::GetInstance()));
+    auto* manager = dynamic_cast<SoftwareManagerService*>(service.get());
+    if (manager == nullptr)
+    {
+        return StatusCodes::BadNoCommunication;
+    }
+    System::Rsc::RscString<512> folder;
+    const StatusCode code = manager->GetPackageDirectory(folder);
+    directory = folder.ToString();
+    return code;
 }
 
 StatusCode ServiceHost::ResumeInstall(const String& name)

@@ -72,6 +72,8 @@ String FitMessage(const String& text)
 
 IStatusStoreListener::~IStatusStoreListener() = default;
 
+void IStatusStoreListener::OnNotificationAppended(const StoredNotification&) {}
+
 class StatusStore::Statement
 {
 public:
@@ -537,18 +539,37 @@ std::map<String, String> StatusStore::GetProperties(const String& name)
 
 std::int64_t StatusStore::AppendNotification(const StoredNotification& notification)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    Statement insert(*this, "INSERT INTO notifications(timestamp_ms, name, sender, severity, text) VALUES(?1, ?2, ?3, ?4, ?5)");
-    insert.Bind(1, notification.timestamp.ToUnixTimeMilliseconds())
-        .Bind(2, notification.name)
-        .Bind(3, notification.senderName)
-        .Bind(4, std::int64_t{notification.severity})
-        .Bind(5, notification.text);
-    insert.Step();
-    const std::int64_t id = sqlite3_last_insert_rowid(database);
-    transaction.Commit();
-    return id;
+    StoredNotification appended = notification;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        Statement insert(*this, "INSERT INTO notifications(timestamp_ms, name, sender, severity, text) VALUES(?1, ?2, ?3, ?4, ?5)");
+        insert.Bind(1, notification.timestamp.ToUnixTimeMilliseconds())
+            .Bind(2, notification.name)
+            .Bind(3, notification.senderName)
+            .Bind(4, std::int64_t{notification.severity})
+            .Bind(5, notification.text);
+        insert.Step();
+        appended.id = sqlite3_last_insert_rowid(database);
+        transaction.Commit();
+    }
+    std::vector<std::shared_ptr<IStatusStoreListener>> current;
+    {
+        std::lock_guard<std::mutex> lock(listenersMutex);
+        current = listeners;
+    }
+    for (const auto& listener : current)
+    {
+        try
+        {
+            listener->OnNotificationAppended(appended);
+        }
+        catch (const std::exception& e)
+        {
+            Log::log.Log(3, "Notification listener failed for '{0}': {1}", appended.name, e.what());
+        }
+    }
+    return appended.id;
 }
 
 std::vector<StoredNotification> StatusStore::GetNotifications(std::int64_t afterId)

@@ -72,8 +72,12 @@ public:
                                  const std::vector<String>& patchIdentifiers, UpdateBehavior& behavior);
     StatusCode SetSoftwarePackage(const String& name, const String& package, String& message);
     StatusCode InstallSoftwarePackage(const String& name, const String& softwareRevision, const String& manufacturerUri,
-                                      const std::vector<String>& patchIdentifiers);
+                                      const std::vector<String>& patchIdentifiers, long long installationDelay = 0);
     StatusCode ResumeInstall(const String& name);
+    // The key is checked like any text and never logged.
+    StatusCode SetUpdateKey(const String& name, const String& key);
+    // The software manager's folder for packages to stage (asked of the software manager).
+    StatusCode GetPackageDirectory(String& directory);
 
     // Records of the registered components as stored, without asking the module.
     std::vector<ComponentStatus> GetComponents();

@@ -39,7 +39,7 @@ struct StoredNotification
     String text;
 };
 
-// Told after a component's status record has changed and the change is committed. Called on the
+// Told after a component's status record or the audit log has changed and the change is committed. Called on the
 // changing thread without the store's lock held, so it may call back into the store.
 class ZUN_EXPORT IStatusStoreListener
 {
@@ -47,6 +47,8 @@ public:
     virtual ~IStatusStoreListener();
     // `status` is the record as stored now, or null when the component was removed.
     virtual void OnStatusChanged(const String& name, const SoftwareUpdateStatus* status) = 0;
+    // An entry was appended to the audit log (committed, with its id). Does nothing by default.
+    virtual void OnNotificationAppended(const StoredNotification& notification);
 };
 
 // The record's fields as this host uses them: ErrorMessage is the installation's status text (kept
