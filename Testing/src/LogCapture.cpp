@@ -114,13 +114,6 @@ std::size_t LogCapture::Count(const String& message) const
         std::count_if(lines.begin(), lines.end(), [&](const CapturedLine& line) { return line.message == message; }));
 }
 
-bool LogCapture::AnyContains(const String& fragment) const
-{
-    const auto lines = sink->Lines();
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const CapturedLine& line) { return line.message.find(fragment) != String::npos; });
-}
-
 void LogCapture::Clear()
 {
     sink->Clear();

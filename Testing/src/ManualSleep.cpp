@@ -69,12 +69,6 @@ std::size_t ManualSleep::SleepsBegun() const
     return begun;
 }
 
-std::size_t ManualSleep::SleepsInProgress() const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return inProgress;
-}
-
 std::vector<std::uint32_t> ManualSleep::Durations() const
 {
     std::lock_guard<std::mutex> lock(mutex);

@@ -168,31 +168,4 @@ TEST_F(ModuleEndToEndTest, InstallsAndReportsAnInstallationKilledWithTheServiceA
     ExpectOnDisk("2.0.0", "two");
 }
 
-TEST_F(ModuleEndToEndTest, WithTheServiceDownCallsReturnNoCommunicationAndChangeNothing)
-{
-    String message;
-    ASSERT_EQ(Codes::Good, module->SetSoftwarePackage(Alpha, FileType::Pending, String("alpha-1.tar"), message)) << message;
-    const Host::SoftwareVersionType pending = Version(FileType::Pending);
-    manager.Kill(SIGKILL);
-
-    Zun::Testing::LogCapture logs;
-    Host::SoftwareUpdateStatus record;
-    EXPECT_EQ(Codes::BadNoCommunication, module->GetStatus(Alpha, record));
-    Host::SoftwareVersionType version;
-    EXPECT_EQ(Codes::BadNoCommunication, module->GetSoftwareVersion(Alpha, FileType::Pending, version));
-    EXPECT_EQ(Codes::BadNoCommunication, module->SetSoftwarePackage(Alpha, FileType::Pending, String("alpha-1.tar"), message));
-    EXPECT_EQ(Codes::BadNoCommunication, module->InstallSoftwarePackage(Alpha, pending, 0));
-    EXPECT_EQ(Host::InstallationState::Idle, statusFake->StateOf(Alpha));
-    EXPECT_TRUE(statusFake->PropertiesOf(Alpha).empty());
-    const std::string unreachable = "The software manager service at '" + socket.string() + "' cannot be reached.";
-    EXPECT_TRUE(logs.Contains(5, "GetInstallationState failed: " + unreachable));
-
-    // A module initialised now fails instead of unregistering every component.
-    auto second = CreateModule();
-    ExpectThrow<Zun::System::Commons::InvalidOperationException>([&] { second->Initialize(String("SoftwareUpdater"), statusFake); },
-                                                                 "GetAllSoftwareInformation failed with status 0x80310000: " + unreachable);
-    second.reset();
-    EXPECT_THAT(statusFake->GetComponentNames(), UnorderedElementsAre(Alpha, Beta));
-}
-
 } // namespace

@@ -90,51 +90,5 @@ TEST_F(InstallationScenarioTest, ThreadFollowsTheManagerToIdleWithTheRequestedRe
     ExpectThreadEndsWithEmptyWorkList();
 }
 
-TEST_F(InstallationScenarioTest, ManagerIdleWithoutTheNewVersionEndsInError)
-{
-    NextPass(ManagerState::Activating, "Activating");
-    env.managerFake->CompleteInstallation(Kind::GenericFiles, "app", true);
-    NextPass();
-
-    const std::string error = "Error [Expected version is 2.0 but current version is 1.0.] InstallationStartedByModule=true "
-                              "TargetSoftwareRevision=2.0 list: %";
-    EXPECT_EQ(Snapshot(), error);
-    EXPECT_THAT(Log(), ::testing::EndsWith("7 Sync status: Switch % from Installing to Error after installation.; "
-                                           "3 Expected version is 2.0 but current version is 1.0."));
-    EXPECT_EQ(Revision(FileType::Current), "1.0");
-    EXPECT_THAT(env.notifications.GetSentNotifications(), IsEmpty());
-
-    // The Error of the module's own installation stays, pass after pass, until the module acts.
-    const std::string journal = Journal(true);
-    NextPass();
-    EXPECT_EQ(Snapshot(), error);
-    EXPECT_EQ(Journal(true), journal);
-    EXPECT_TRUE(module->IsRunning());
-}
-
-TEST_F(InstallationScenarioTest, ManagerFailureIsResumedAndFollowedToIdle)
-{
-    NextPass(ManagerState::CopyingFailed, "Copy failed: disk full");
-    EXPECT_EQ(Snapshot(), "Error [Copy failed: disk full] InstallationStartedByModule=true TargetSoftwareRevision=2.0 list: %");
-    EXPECT_TRUE(logs.Contains(7, "Sync status: Switch Generic files / app from Installing to Error."));
-
-    ASSERT_EQ(module->ResumeInstall(App), Codes::Good);
-    EXPECT_EQ(Snapshot(), "Idle [Copy failed: disk full] TargetSoftwareRevision=2.0 list: %");
-    EXPECT_EQ(env.managerFake->StateOf(Kind::GenericFiles, "app"), ManagerState::Preparing);
-    // The host's next status query finds the resumed installation running.
-    EXPECT_EQ(Sync(), HostState::Installing);
-    EXPECT_EQ(env.statusFake->ErrorMessageOf(App), "Preparing");
-
-    env.managerFake->CompleteInstallation(Kind::GenericFiles, "app");
-    logs.Clear();
-    NextPass();
-
-    // No longer the module's own installation: no revision check, plain Installing to Idle.
-    EXPECT_EQ(Log(), "7 Sync status: Switch % from Installing to Idle.");
-    EXPECT_EQ(Snapshot(), "Idle [] TargetSoftwareRevision=2.0 list: ");
-    EXPECT_EQ(Revision(FileType::Current), "2.0");
-    ExpectThreadEndsWithEmptyWorkList();
-}
-
 } // namespace
 } // namespace Zun::Testing::UpdaterModule

@@ -357,25 +357,5 @@ TEST_F(InstallationTest, UnsupportedOperationsAnswerNotSupportedForAnyArguments)
     EXPECT_EQ(Journal() + ManagerJournal() + Log(), "");
 }
 
-TEST_F(InstallationTest, UpdateKeyIsNeitherLoggedNorPassedOn)
-{
-    const char* const secret = "Pl4nt-Upd4te-K3y-7f3a9c";
-    const SecureString<512> key(secret);
-    EXPECT_EQ(module->SetUpdateKey(App, key), Codes::BadNotSupported);
-    EXPECT_EQ(module->SetUpdateKey(App, SecureString<512>(String(511, 'Q').c_str())), Codes::BadNotSupported);
-    // Work that logs and calls both services afterwards must not bring the key up either.
-    ASSERT_EQ(module->InstallSoftwarePackage(App, Request(), 0), Codes::Good);
-    ASSERT_TRUE(sleep.WaitForSleeps(1));
-
-    EXPECT_FALSE(logs.Lines().empty());
-    for (const std::string& fragment : {std::string(secret), std::string(16, 'Q')})
-    {
-        EXPECT_FALSE(logs.AnyContains(fragment));
-        EXPECT_THAT(Journal() + ManagerJournal(), Not(HasSubstr(fragment)));
-    }
-    EXPECT_THAT(env.notifications.GetSentNotifications(), IsEmpty());
-    EXPECT_EQ(String(secret), key.CStr());
-}
-
 } // namespace
 } // namespace Zun::Testing::UpdaterModule

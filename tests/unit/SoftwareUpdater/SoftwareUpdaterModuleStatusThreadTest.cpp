@@ -90,18 +90,6 @@ public:
     const std::thread::id testThread = std::this_thread::get_id();
 };
 
-TEST_F(StatusThreadTest, NoThreadRunsWhileEveryComponentIsIdle)
-{
-    AddComponents(ManagerState::Idle);
-    Start(true);
-    EXPECT_EQ(Sync(A), HostState::Idle);
-    EXPECT_EQ(Sync(B), HostState::Idle);
-
-    EXPECT_EQ(module->GetStatusThreadState(), -1);
-    EXPECT_THAT(module->GetSyncList(), IsEmpty());
-    EXPECT_EQ(sleep.SleepsBegun() + logs.Count(StartLine), 0u);
-}
-
 TEST_F(StatusThreadTest, StartsOnTheFirstNonIdleResultPollsOncePerPauseEndsWhenTheListEmptiesAndStartsAgain)
 {
     AddComponents(ManagerState::Idle);
@@ -216,40 +204,6 @@ TEST_F(StatusThreadTest, ModuleDestroyedWhileItsThreadSleepsEndsTheThreadWithout
     EXPECT_EQ(logs.Count(StopLine), 1u);
     EXPECT_EQ(static_cast<SecurityNotifications*>(Singleton<SecurityNotifications>::pInstance), nullptr);
     EXPECT_THAT(env.notifications.GetRegistrations(), IsEmpty());
-}
-
-TEST_F(StatusThreadTest, ModuleDestroyedWhileItsThreadPollsWaitsForThePollAndEndsTheThread)
-{
-    AddComponents(ManagerState::Copying);
-    Notification polling;
-    Notification proceed;
-    std::atomic<int> threadPolls{0};
-    OnStatusThreadPoll([&] {
-        if (threadPolls++ == 0)
-        {
-            polling.Notify();
-            proceed.WaitFor();
-        }
-    });
-    auto disposing = std::make_shared<MessageLatch>("Dispose (~SoftwareUpdaterModule)");
-    LogManager::AddSink(disposing);
-    Start(true);
-    ASSERT_TRUE(polling.WaitFor());
-
-    Module* raw = module.release();
-    std::thread destroyer([raw] { delete raw; });
-    ASSERT_TRUE(disposing->seen.WaitFor());
-    // The poll holds the module mutex, so the destructor cannot disable the module before it ends.
-    EXPECT_TRUE(raw->IsEnabled());
-    proceed.Notify();
-    ASSERT_TRUE(WaitUntil([raw] { return !raw->IsEnabled(); }));
-    sleep.Release(1);
-    destroyer.join();
-    LogManager::RemoveSink(disposing);
-
-    EXPECT_EQ(threadPolls.load(), 1);
-    EXPECT_EQ(logs.Count(StopLine), 1u);
-    EXPECT_EQ(env.statusFake->StateOf(A), HostState::Installing);
 }
 
 // Stops the status thread inside the virtual GetStatus, before the module mutex is taken: past the

@@ -47,7 +47,6 @@ class Notification
 public:
     void Notify() { latch.CountDown(); }
     bool WaitFor(std::chrono::milliseconds timeout = Patience()) { return latch.WaitFor(timeout); }
-    bool HasBeenNotified() { return latch.WaitFor(std::chrono::milliseconds(0)); }
 
 private:
     Latch latch{1};

@@ -33,8 +33,6 @@ public:
     bool Contains(const String& message) const;
     bool Contains(int level, const String& message) const;
     std::size_t Count(const String& message) const;
-    // True when any captured message contains `fragment` anywhere.
-    bool AnyContains(const String& fragment) const;
     void Clear();
 
 private:

@@ -31,7 +31,6 @@ public:
     void SetAutomatic(bool automatic);
 
     std::size_t SleepsBegun() const;
-    std::size_t SleepsInProgress() const;
     std::vector<std::uint32_t> Durations() const;
 
 private:

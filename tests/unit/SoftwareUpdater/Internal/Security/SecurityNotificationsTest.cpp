@@ -157,17 +157,4 @@ TEST(SecurityNotificationsSetupTest, FailedSecondRegistrationDisposesTheFirstAnd
     EXPECT_CALL(mock, UnregisterNotificationName(1u));
     notifications.Dispose();
 }
-
-TEST(SecurityNotificationsSetupTest, MissingNotificationManagerOrDomainIsReported)
-{
-    {
-        DomainScope scope(nullptr);
-        ExpectThrow<Zun::Exception>([] { SecurityNotifications notifications; },
-                                    "AppDomain Singleton instance of type 'Zun::System::Nm::INotificationManager' was not created yet!");
-    }
-    AppDomain* previous = Singleton<AppDomain>::pInstance;
-    Singleton<AppDomain>::pInstance = nullptr;
-    ExpectThrow<Zun::Exception>([] { SecurityNotifications notifications; }, "Singleton instance of type 'Zun::AppDomain' was not created yet!");
-    Singleton<AppDomain>::pInstance = previous;
-}
 } // namespace
