@@ -71,33 +71,6 @@ TEST_F(LifecycleTest, InitializeSubscribesThenSynchronisesComponentsThenStates)
     EXPECT_EQ(module.GetStatusThreadState(), -1) << "Initialize itself starts no thread";
 }
 
-TEST_F(LifecycleTest, SecondInitializeReplacesTheCallbackAndRepeatsBothPasses)
-{
-    Start(true);
-    auto otherStatus = std::make_shared<FakeUpdaterStatus>();
-    env.managerFake->AddComponent(Kind::TesmoraEngineerProject, "proj", Manifest("1.0"));
-
-    module->Initialize("SoftwareUpdater", otherStatus);
-
-    EXPECT_TRUE(otherStatus->Has("Tesmora Engineer project / proj"));
-    EXPECT_FALSE(env.statusFake->Has("Tesmora Engineer project / proj"));
-}
-
-TEST_F(LifecycleTest, MissingServiceThrowsAndKeepsTheEarlierProxy)
-{
-    env.managerFake->AddComponent(Kind::GenericFiles, "app", Manifest("1.0"));
-    Start(true);
-    System::Rsc::ServiceManager::UnregisterProvider("Zun");
-
-    ExpectThrow<System::Commons::InvalidOperationException>(
-        [this] { module->Initialize("SoftwareUpdater", env.status); },
-        "Could not retrieve service 'Zun::Services::SoftwareManager::Services::Internal::ISoftwareManagerService' from service provider 'Zun'.");
-
-    Su::SoftwareVersionType version;
-    EXPECT_EQ(module->GetSoftwareVersion(App, FileType::Current, version), Codes::Good);
-    EXPECT_EQ(version.SoftwareRevision.ToString(), "1.0");
-}
-
 class WrongTypeProvider : public System::Rsc::IServiceProvider
 {
 public:

@@ -133,25 +133,6 @@ TEST_F(StatusThreadTest, StartsOnTheFirstNonIdleResultPollsOncePerPauseEndsWhenT
     EXPECT_TRUE(logs.Contains(7, "UpdateStatus thread stopped"));
 }
 
-TEST_F(StatusThreadTest, PollsEveryListedComponentEachPass)
-{
-    AddComponents(ManagerState::Idle);
-    Start(true);
-    env.managerFake->SetState(Kind::GenericFiles, "a", ManagerState::Copying);
-    env.managerFake->SetState(Kind::GenericFiles, "b", ManagerState::CopyingFailed, "failed");
-    EXPECT_EQ(Sync(A), HostState::Installing);
-    EXPECT_EQ(Sync(B), HostState::Error);
-
-    ASSERT_TRUE(sleep.WaitForSleeps(1));
-    // The thread may have copied the list before or after B joined it; from the second pass on it polls both.
-    const std::size_t afterFirstPass = Polls();
-    EXPECT_GE(afterFirstPass, 3u);
-    sleep.Release(1);
-    ASSERT_TRUE(sleep.WaitForSleeps(2));
-    EXPECT_EQ(Polls(), afterFirstPass + 2);
-    EXPECT_EQ(module->GetSyncList(), (Names{A, B}));
-}
-
 TEST_F(StatusThreadTest, DisablingStopsAPassEarlyAndNoThreadStartsAgain)
 {
     AddComponents(ManagerState::Copying, ManagerState::Copying);

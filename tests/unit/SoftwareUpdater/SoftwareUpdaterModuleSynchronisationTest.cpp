@@ -215,31 +215,6 @@ public:
     const Names before{Other};
 };
 
-TEST_F(SyncFailureTest, NameThatIsNoComponentIdCallsNothing)
-{
-    for (const char* name : {"app", "", "Generic files/app", "Generic file / app", "generic files / app", " / app"})
-    {
-        Record record;
-        record.ErrorMessage = "untouched";
-        record.InstallationState = HostState::Error;
-        EXPECT_EQ(module->GetStatus(name, record), Codes::BadInvalidArgument) << name;
-        EXPECT_EQ(record.ErrorMessage.ToString(), "untouched");
-        EXPECT_EQ(record.InstallationState, HostState::Error);
-    }
-    EXPECT_EQ(Journal() + ManagerJournal(), "");
-    EXPECT_EQ(module->GetSyncList(), before);
-}
-
-TEST_F(SyncFailureTest, ComponentUnknownToTheStoreIsAnInternalError)
-{
-    Record record;
-    EXPECT_EQ(module->GetStatus("Generic files / ghost", record), Codes::BadInternalError);
-    EXPECT_EQ(Journal(), "GetStatus(Generic files / ghost)");
-    EXPECT_EQ(ManagerJournal(), "");
-    EXPECT_FALSE(env.statusFake->Has("Generic files / ghost"));
-    EXPECT_EQ(module->GetSyncList(), before);
-}
-
 TEST_F(SyncFailureTest, ManagerFailureIsPassedOnAndTheRegistrationFollowsIt)
 {
     for (const auto& [code, unregisters] : {std::pair(Codes::BadNotFound, true), std::pair(Codes::BadInvalidArgument, true),
@@ -258,24 +233,6 @@ TEST_F(SyncFailureTest, ManagerFailureIsPassedOnAndTheRegistrationFollowsIt)
         EXPECT_EQ(Snapshot(), unregisters ? "- [] list: Generic files / other" : "Installing [old] list: Generic files / other");
         env.statusFake->Seed(Other, HostState::Installing);
     }
-}
-
-TEST_F(SyncFailureTest, SoftwareInformationFailingWhileOwnInstallationEndsChangesNothing)
-{
-    env.statusFake->Seed(App, HostState::Installing, "old");
-    env.statusFake->SeedProperty(App, StartedKey, "true");
-    env.statusFake->SeedProperty(App, TargetKey, "2.0");
-    env.managerFake->FailOperation("GetSoftwareInformation", Codes::BadNoCommunication);
-
-    Record record;
-    EXPECT_EQ(module->GetStatus(App, record), Codes::BadNoCommunication);
-    EXPECT_EQ(Journal(), "GetStatus(%); AddComponent(%); GetProperty(%, InstallationStartedByModule); GetProperty(%, TargetSoftwareRevision)");
-    EXPECT_EQ(Snapshot(), "Installing [old] InstallationStartedByModule=true TargetSoftwareRevision=2.0 list: Generic files / other");
-    EXPECT_EQ(Log(), "");
-
-    // Tried again once the manager answers.
-    env.managerFake->FailOperation("GetSoftwareInformation", Codes::Good);
-    EXPECT_EQ(Sync(), HostState::Idle);
 }
 
 TEST_F(SyncFailureTest, TargetReportedMissingCountsAsEmptyWhateverWasWritten)
@@ -369,28 +326,6 @@ TEST_F(FirstPassTest, AnnouncesOwnInstallationsThatEndedWhileNobodyWatched)
     EXPECT_EQ(Joined({State(ok), State(App), State(bad), State(lib), State(failed[0]), State(failed[1]), State(failed[2])}),
               "Idle [manager text]; Idle [manager text]; Error [Expected version is 2.0 but current version is 1.0.]; "
               "Error [Expected version is 2.0 but current version is 1.0.]; Error [manager text]; Error [manager text]; Error [manager text]");
-}
-
-TEST_F(FirstPassTest, VisitsEveryStoredComponentOnceInStoreOrderWhateverEachResult)
-{
-    env.managerFake->AddComponent(Kind::GenericFiles, "b");
-    env.managerFake->AddComponent(Kind::GenericFiles, "a");
-    env.statusFake->Seed("Generic files / a", HostState::Installing);
-    env.statusFake->Seed("Generic files / b", HostState::Installing);
-    // The first component's query fails; the pass goes on with the next one.
-    EXPECT_CALL(*env.manager, GetInstallationState(Kind::GenericFiles, _, _, _))
-        .WillRepeatedly([this](Kind kind, const System::Rsc::RscString<512>& name, ManagerState& state, auto& message) {
-            const auto result = env.managerFake->GetInstallationState(kind, name, state, message);
-            return name.ToString() == "a" ? Codes::BadNoCommunication : result;
-        });
-    module = std::make_unique<Module>();
-    EXPECT_FALSE(module->IsStateInitialized());
-    module->Initialize("SoftwareUpdater", env.status);
-
-    EXPECT_EQ(ManagerJournal(), "GetAllSoftwareInformation(); GetInstallationState(1, a); GetInstallationState(1, b)");
-    EXPECT_TRUE(module->IsStateInitialized());
-    EXPECT_EQ(State("Generic files / a") + State("Generic files / b"), "Installing []Idle []");
-    EXPECT_THAT(module->GetSyncList(), IsEmpty());
 }
 
 } // namespace

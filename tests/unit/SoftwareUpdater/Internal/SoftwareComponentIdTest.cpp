@@ -36,17 +36,6 @@ TEST(SoftwareComponentIdTest, ParsesTheTextFormOrLeavesTheResultAlone)
     EXPECT_EQ(id.componentId, String("Generic files\0junk / a", 22));
 }
 
-TEST(SoftwareComponentIdTest, SplitOverwritesTheNameBeforeItKnowsTheKindButNeedsTheDelimiter)
-{
-    String name = "before";
-    SoftwareKind kind = SoftwareKind::TesmoraEngineerProject;
-    EXPECT_FALSE(SoftwareComponentId::SplitComponentId("Unknown kind / x", name, kind));
-    EXPECT_EQ(name, "x");
-    EXPECT_EQ(kind, SoftwareKind::TesmoraEngineerProject);
-    EXPECT_FALSE(SoftwareComponentId::SplitComponentId("Generic files", name, kind));
-    EXPECT_EQ(name, "x");
-}
-
 TEST(SoftwareComponentIdTest, FormsTextFromKindAndNameThatParsesBack)
 {
     for (SoftwareKind kind : {SoftwareKind::GenericFiles, SoftwareKind::TesmoraEngineerProject})
