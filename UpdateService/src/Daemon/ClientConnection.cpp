@@ -91,7 +91,11 @@ void ClientConnection::Enqueue(Frame frame)
             queue.push_back(std::move(frame));
         }
     }
-    Wake();
+    // The connection's own thread writes its queue before it waits again.
+    if (std::this_thread::get_id() != owner.load())
+    {
+        Wake();
+    }
 }
 
 void ClientConnection::Send(const nlohmann::json& message)
@@ -129,6 +133,7 @@ void ClientConnection::QueueError(std::uint32_t status, const std::string& text,
 
 void ClientConnection::Run()
 {
+    owner = std::this_thread::get_id();
     Log::log.Log(7, "Connection of {0} opened", peer);
     try
     {
@@ -293,6 +298,11 @@ void ClientConnection::Loop()
         {
             QueueError(e.GetStatus(), e.GetMessage());
             closing = true;
+        }
+        // Answers leave at once rather than after another wait.
+        if (!Flush())
+        {
+            return;
         }
         if (closing)
         {

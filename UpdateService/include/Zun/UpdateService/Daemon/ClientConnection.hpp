@@ -79,6 +79,7 @@ private:
 
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> finished{false};
+    std::atomic<std::thread::id> owner{};
     std::thread thread;
 };
 
