@@ -230,11 +230,19 @@ void ReadRecordList(RemotingReader& reader, std::vector<SoftwareInformation>& li
         throw RemotingException("A list of {0} records cannot fit in the remaining {1} bytes.", count, reader.GetRemaining());
     }
     list.reserve(list.size() + count);
+    // Read in place: a record is some 9 KB of fixed texts, not to be built twice.
     for (std::size_t i = 0; i < count; ++i)
     {
-        SoftwareInformation information;
-        information.ReadFrom(reader.GetNestedDataReader());
-        list.push_back(std::move(information));
+        list.emplace_back();
+        try
+        {
+            list.back().ReadFrom(reader.GetNestedDataReader());
+        }
+        catch (...)
+        {
+            list.pop_back();
+            throw;
+        }
     }
 }
 

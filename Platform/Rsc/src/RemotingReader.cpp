@@ -4,6 +4,7 @@
 
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Rsc/RemotingException.hpp"
+#include "Zun/Rsc/RscString.hpp"
 
 namespace Zun::System::Rsc
 {
@@ -63,13 +64,19 @@ inline void RemotingReader::Require(std::size_t count) const
     }
 }
 
-std::uint32_t RemotingReader::PeekCount(std::size_t offset, std::size_t& used) const
+inline std::uint32_t RemotingReader::PeekCount(std::size_t offset, std::size_t& used) const
 {
+    // Most counts are below 128: one byte.
     if (offset < GetRemaining() && data[*position + offset] < 0x80)
     {
         used = 1;
         return data[*position + offset];
     }
+    return PeekLongCount(offset, used);
+}
+
+std::uint32_t RemotingReader::PeekLongCount(std::size_t offset, std::size_t& used) const
+{
     std::uint32_t value = 0;
     for (std::size_t i = 0; i < MaxCountBytes; ++i)
     {
@@ -110,38 +117,51 @@ void RemotingReader::ReadStringInternal(char* buffer, std::size_t capacity, RscS
     {
         throw Commons::ArgumentException::Create("buffer", "A string buffer needs room for its terminator.");
     }
+    // Local copies: `buffer` may alias anything, so members would be read again after every store.
+    std::size_t* const at = position;
+    const std::uint8_t* const in = data + *at;
+    const std::size_t left = size - *at;
     std::size_t offset = 0;
     if (withTag)
     {
-        Require(1);
-        if (data[*position] != static_cast<std::uint8_t>(RscType::String))
+        if (left < 1)
         {
-            ThrowUnexpectedTag(data[*position], RscType::String);
+            ThrowEndOfData(1, left);
+        }
+        if (in[0] != static_cast<std::uint8_t>(RscType::String))
+        {
+            ThrowUnexpectedTag(in[0], RscType::String);
         }
         offset = 1;
     }
-    Require(offset + 1);
-    const std::uint8_t stated = data[*position + offset];
-    if (stated != static_cast<std::uint8_t>(encoding))
+    if (left < offset + 1)
     {
-        throw RemotingException("Unexpected string encoding {0} where {1} was expected.", static_cast<unsigned>(stated),
+        ThrowEndOfData(offset + 1, left);
+    }
+    if (in[offset] != static_cast<std::uint8_t>(encoding))
+    {
+        throw RemotingException("Unexpected string encoding {0} where {1} was expected.", static_cast<unsigned>(in[offset]),
                                 static_cast<unsigned>(encoding));
     }
-    std::size_t used = 0;
-    const std::size_t length = PeekCount(offset + 1, used);
+    ++offset;
+    std::size_t used = 1;
+    const std::size_t length = left > offset && in[offset] < 0x80 ? in[offset] : PeekLongCount(offset, used);
     if (length >= capacity)
     {
         throw RemotingException("String of {0} bytes does not fit a capacity of {1} bytes with its terminator.", length, capacity);
     }
-    offset += 1 + used;
-    Require(offset + length);
-    const auto* text = reinterpret_cast<const char*>(data + *position + offset);
-    if (std::memchr(text, '\0', length) != nullptr)
+    offset += used;
+    if (left < offset + length)
+    {
+        ThrowEndOfData(offset + length, left);
+    }
+    const auto* text = reinterpret_cast<const char*>(in + offset);
+    if (FindZero(text, length) != length)
     {
         throw RemotingException("String of {0} bytes contains a zero byte.", length);
     }
     // Past the new terminator only the old text's bytes can be non-zero.
-    const std::size_t oldLength = buffer[0] == '\0' ? 0 : ::strnlen(buffer, capacity);
+    const std::size_t oldLength = FindZero(buffer, capacity);
     std::memcpy(buffer, text, length);
     if (oldLength > length)
     {
@@ -151,7 +171,7 @@ void RemotingReader::ReadStringInternal(char* buffer, std::size_t capacity, RscS
     {
         buffer[length] = '\0';
     }
-    *position += offset + length;
+    *at += offset + length;
 }
 
 std::size_t RemotingReader::ReadArrayLength()

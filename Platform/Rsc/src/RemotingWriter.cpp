@@ -4,6 +4,7 @@
 
 #include "Zun/Commons/Exception.hpp"
 #include "Zun/Rsc/RemotingException.hpp"
+#include "Zun/Rsc/RscString.hpp"
 
 namespace Zun::System::Rsc
 {
@@ -73,7 +74,7 @@ void RemotingWriter::WriteStringInternal(const char* text, std::size_t capacity,
     }
     // Everything is checked before the first byte goes out, so that a refused string leaves the
     // buffer as it was.
-    const std::size_t length = ::strnlen(text, capacity);
+    const std::size_t length = FindZero(text, capacity);
     if (length == capacity)
     {
         throw RemotingException("String has no terminator within its capacity of {0} bytes.", capacity);

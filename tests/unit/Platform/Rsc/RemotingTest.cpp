@@ -105,6 +105,10 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
     const auto text = [](std::size_t capacity, bool withTag) {
         return [=](RemotingReader& r) { ReadText(r, capacity, Encoding::Utf8, withTag); };
     };
+    // Past the first 32 bytes a text is scanned differently.
+    Bytes longWithZero{2, 40};
+    longWithZero.resize(42, 'a');
+    longWithZero[2 + 36] = 0;
     const std::vector<FaultCase> cases = {
         {"wrong tag", {8}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected tag 8 where 2 was expected."},
         {"tag at end", {}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected end of data: 1 bytes needed, 0 left."},
@@ -115,6 +119,7 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
         {"string huge length", {2, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}, text(512, false),
          "String of 4294967295 bytes does not fit a capacity of 512 bytes with its terminator."},
         {"string with zero byte", {2, 3, 'a', 0, 'b'}, text(8, false), "String of 3 bytes contains a zero byte."},
+        {"long string with zero byte", longWithZero, text(64, false), "String of 40 bytes contains a zero byte."},
         {"string header cut", {19, 2}, text(8, true), "Unexpected end of data: 3 bytes needed, 2 left."},
         {"string body cut", {19, 2, 3, 'a', 'b'}, text(8, true), "Unexpected end of data: 6 bytes needed, 5 left."},
         {"array count", {0x80, 0x80, 0x80, 0x80, 0x08}, [](RemotingReader& r) { r.ReadArrayLength(); },

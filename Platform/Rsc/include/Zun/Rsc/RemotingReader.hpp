@@ -52,6 +52,7 @@ private:
     // Decodes the count that starts `offset` bytes past the position, without moving it; `used`
     // gets its length in bytes.
     std::uint32_t PeekCount(std::size_t offset, std::size_t& used) const;
+    std::uint32_t PeekLongCount(std::size_t offset, std::size_t& used) const;
 
     const std::uint8_t* data;
     std::size_t size;
