@@ -1,113 +1,93 @@
 #include "Output.hpp"
 
-#include <ctime>
-#include <sstream>
+#include <algorithm>
 
 #include <fmt/format.h>
-
-#include "Zun/Nm/Severity.hpp"
 
 namespace Zun::Services::SoftwareUpdate::UpdateService::Cli
 {
 
 namespace
 {
-const char* SeverityName(std::uint32_t severity)
+std::string Text(const nlohmann::json& record, const char* member)
 {
-    switch (static_cast<System::Nm::Severity>(severity))
-    {
-    case System::Nm::Severity::Verbose:
-        return "Verbose";
-    case System::Nm::Severity::Info:
-        return "Info";
-    case System::Nm::Severity::Warning:
-        return "Warning";
-    case System::Nm::Severity::Error:
-        return "Error";
-    case System::Nm::Severity::Critical:
-        return "Critical";
-    }
-    return "Unknown";
+    const auto found = record.find(member);
+    return found != record.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 } // namespace
 
-std::string StateName(UpdateInstallationState state)
+std::string FormatTimestamp(const nlohmann::json& timestamp)
 {
-    std::ostringstream text;
-    text << state;
-    return text ? text.str() : std::to_string(static_cast<int>(state));
-}
-
-std::string FormatTimestamp(const DateTime& timestamp)
-{
-    if (timestamp.GetTicks() == 0)
+    if (!timestamp.is_string())
     {
         return std::string();
     }
-    const std::int64_t milliseconds = timestamp.ToUnixTimeMilliseconds();
-    std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000 - (milliseconds % 1000 < 0 ? 1 : 0));
-    std::tm parts{};
-    if (::gmtime_r(&seconds, &parts) == nullptr)
+    // "YYYY-MM-DDTHH:MM:SS.mmmZ": the seconds are enough on a command line.
+    std::string text = timestamp.get<std::string>();
+    if (text.size() == 24 && text[19] == '.' && text.back() == 'Z')
     {
-        return std::string();
+        text = text.substr(0, 19) + "Z";
     }
-    char buffer[32];
-    const std::size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return std::string(buffer, length);
+    return text;
 }
 
-std::vector<std::string> BehaviorFlags(UpdateBehavior behavior)
+std::string BehaviorText(const nlohmann::json& behavior)
 {
-    static const std::pair<UpdateBehavior, const char*> names[] = {
-        {UpdateBehavior::KeepsParameters, "KeepsParameters"}, {UpdateBehavior::WillDisconnect, "WillDisconnect"},
-        {UpdateBehavior::RequiresPowerCycle, "RequiresPowerCycle"}, {UpdateBehavior::WillReboot, "WillReboot"},
-        {UpdateBehavior::NeedsPreparation, "NeedsPreparation"}};
     std::vector<std::string> flags;
-    std::uint32_t rest = static_cast<std::uint32_t>(behavior);
-    for (const auto& [flag, name] : names)
+    for (const nlohmann::json& flag : behavior.value("flags", nlohmann::json::array()))
     {
-        if (HasFlag(behavior, flag))
-        {
-            flags.emplace_back(name);
-            rest &= ~static_cast<std::uint32_t>(flag);
-        }
+        flags.push_back(flag.is_string() ? flag.get<std::string>() : flag.dump());
     }
-    if (rest != 0)
-    {
-        flags.push_back(fmt::format("0x{:X}", rest));
-    }
-    return flags;
-}
-
-std::string BehaviorText(UpdateBehavior behavior)
-{
-    const std::vector<std::string> flags = BehaviorFlags(behavior);
     return flags.empty() ? std::string("None") : fmt::format("{}", fmt::join(flags, " | "));
 }
 
-nlohmann::json ToJson(const SoftwareVersionType& version)
+nlohmann::json VersionJson(const nlohmann::json& version)
 {
-    return nlohmann::json{{"manufacturer", version.Manufacturer.ToString()},
-                          {"manufacturerUri", version.ManufacturerUri.ToString()},
-                          {"softwareRevision", version.SoftwareRevision.ToString()},
-                          {"releaseDate", FormatTimestamp(version.ReleaseDate)}};
+    return nlohmann::json{{"manufacturer", Text(version, "manufacturer")},
+                          {"manufacturerUri", Text(version, "manufacturerUri")},
+                          {"softwareRevision", Text(version, "softwareRevision")},
+                          {"releaseDate", FormatTimestamp(version.value("releaseDate", nlohmann::json()))}};
 }
 
-nlohmann::json ToJson(const StoredNotification& notification)
+nlohmann::json NotificationJson(const nlohmann::json& notification)
 {
-    return nlohmann::json{{"id", notification.id},
-                          {"timestamp", FormatTimestamp(notification.timestamp)},
-                          {"name", notification.name},
-                          {"sender", notification.senderName},
-                          {"severity", notification.severity},
-                          {"severityName", SeverityName(notification.severity)},
-                          {"text", notification.text}};
+    return nlohmann::json{{"id", notification.value("id", 0u)},
+                          {"timestamp", FormatTimestamp(notification.value("timestamp", nlohmann::json()))},
+                          {"name", Text(notification, "name")},
+                          {"sender", Text(notification, "sender")},
+                          {"severity", notification.value("severity", 0u)},
+                          {"severityName", Text(notification, "severityName")},
+                          {"text", Text(notification, "text")}};
 }
 
-std::string NotificationLine(const StoredNotification& notification)
+std::string NotificationLine(const nlohmann::json& notification)
 {
-    return fmt::format("{}  {:<7}  {}  {}", FormatTimestamp(notification.timestamp), SeverityName(notification.severity),
-                       notification.name, notification.text);
+    return fmt::format("{}  {:<7}  {}  {}", FormatTimestamp(notification.value("timestamp", nlohmann::json())), Text(notification, "severityName"),
+                       Text(notification, "name"), Text(notification, "text"));
+}
+
+std::vector<std::string> Table(const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows)
+    {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t column = 0; column < row.size(); ++column)
+        {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::vector<std::string> lines;
+    for (const auto& row : rows)
+    {
+        std::string line;
+        for (std::size_t column = 0; column < row.size(); ++column)
+        {
+            line += column + 1 == row.size() ? row[column] : fmt::format("{:<{}}  ", row[column], widths[column]);
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
 }
 
 } // namespace Zun::Services::SoftwareUpdate::UpdateService::Cli

@@ -1,4 +1,5 @@
-// Text and JSON forms of the update service's records, as the command line prints them.
+// Text and JSON forms of the update service's records, as the command line prints them. The
+// records arrive in the local API's JSON form.
 #pragma once
 
 #include <string>
@@ -6,24 +7,22 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Zun/Commons/DateTime.hpp"
-#include "Zun/UpdateService/ServiceHost.hpp"
-
 namespace Zun::Services::SoftwareUpdate::UpdateService::Cli
 {
 
-// "Idle", "Installing", "Error", or the number of an unknown state.
-std::string StateName(UpdateInstallationState state);
-// ISO 8601 in UTC to the second ("2026-11-01T08:00:00Z"); empty for a date that was never set.
-std::string FormatTimestamp(const DateTime& timestamp);
-// The names of the set bits ("KeepsParameters", ...), in bit order; unknown bits as hex.
-std::vector<std::string> BehaviorFlags(UpdateBehavior behavior);
-// The flags joined with " | ", or "None".
-std::string BehaviorText(UpdateBehavior behavior);
+// ISO 8601 in UTC to the second ("2026-11-01T08:00:00Z") from the API's "...:00.000Z"; empty for
+// null (a date that was never set).
+std::string FormatTimestamp(const nlohmann::json& timestamp);
+// The flag names of an UpdateBehavior joined with " | ", or "None".
+std::string BehaviorText(const nlohmann::json& behavior);
 
-nlohmann::json ToJson(const SoftwareVersionType& version);
-nlohmann::json ToJson(const StoredNotification& notification);
+// A SoftwareVersion as the command line's JSON shows it.
+nlohmann::json VersionJson(const nlohmann::json& version);
+nlohmann::json NotificationJson(const nlohmann::json& notification);
 // One line: time stamp, severity, outcome and text.
-std::string NotificationLine(const StoredNotification& notification);
+std::string NotificationLine(const nlohmann::json& notification);
+
+// Rows of left-aligned columns, each as wide as its widest cell; the last column is not padded.
+std::vector<std::string> Table(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Zun::Services::SoftwareUpdate::UpdateService::Cli

@@ -1,13 +1,16 @@
-// zun-update: the update service's command line. Every invocation is one start of the update
-// service: it loads the plug-in, whose first pass settles (and announces) what ended while no
-// update service ran, runs one command and stops again.
+// zun-update: the command line of the update service. Each command is one short conversation with
+// the running service (zun-update-service) over its local API.
+#include <openssl/evp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -15,27 +18,28 @@
 #include <nlohmann/json.hpp>
 
 #include "Output.hpp"
+#include "ServiceClient.hpp"
 #include "Zun/Commons/Exception.hpp"
-#include "Zun/Commons/LogManager.hpp"
-#include "Zun/SoftwareUpdate/StatusCode.hpp"
+#include "Zun/UpdateService/Protocol/Base64.hpp"
 #include "Zun/UpdateService/RequestValidation.hpp"
-#include "Zun/UpdateService/ServiceHost.hpp"
 
 namespace
 {
 
-using namespace Zun::Services::SoftwareUpdate;
 using namespace Zun::Services::SoftwareUpdate::UpdateService;
 using namespace Zun::Services::SoftwareUpdate::UpdateService::Cli;
 using Json = nlohmann::json;
+using Response = ServiceClient::Response;
 
 constexpr int ExitSuccess = 0;
 constexpr int ExitBadStatus = 1;
 constexpr int ExitRefused = 2;
 constexpr int ExitUnavailable = 3;
 
-constexpr const char* Footer = R"(Exit codes: 0 done; 1 a Bad status code or an installation that ended in Error;
-2 usage error or refused input (nothing was changed); 3 the update service could not start.
+constexpr const char* Footer = R"(The service's socket: --socket, else $ZUN_UPDATE_SOCKET, else /run/zun-update/service.sock (for
+users other than root, $XDG_RUNTIME_DIR/zun-update/service.sock when their own service runs there).
+Exit codes: 0 done; 1 a Bad status code or an installation that ended in Error;
+2 usage error or refused input (nothing was sent); 3 the update service could not be reached.
 For `versions`, a missing current or pending version (Bad_NotFound) is not an error while the other exists.)";
 
 struct Request
@@ -45,19 +49,9 @@ struct Request
     std::string revision;
     std::string uri;
     std::vector<std::string> patches;
+    unsigned delayMilliseconds = 0;
     bool wait = false;
-    unsigned intervalMilliseconds = 250;
 };
-
-std::vector<Zun::String> ToStrings(const std::vector<std::string>& texts)
-{
-    return std::vector<Zun::String>(texts.begin(), texts.end());
-}
-
-std::string CodeName(StatusCode code)
-{
-    return StatusCodes::ToString(code);
-}
 
 // Collects what one command reports: human lines go out at once, JSON at the end as one object.
 class Output
@@ -88,43 +82,76 @@ private:
     Json object = Json::object();
 };
 
-int ExitFor(StatusCode code)
+std::string Text(const Json& record, const char* member)
 {
-    return StatusCodes::IsBad(code) ? ExitBadStatus : ExitSuccess;
+    const auto found = record.find(member);
+    return found != record.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-std::optional<std::string> RevisionOf(ServiceHost& host, const std::string& name, SoftwareVersionFileType fileType)
+// The outcome and, when the service itself refused, its reason.
+std::string Outcome(const Response& response)
 {
-    SoftwareVersionType version;
-    if (host.GetSoftwareVersion(name, fileType, version) != StatusCodes::Good)
+    return response.error.empty() ? response.statusName : fmt::format("{}: {}", response.statusName, response.error);
+}
+
+// Status code, and the service's reason when it gave one, into the JSON object.
+int Report(Output& out, const Response& response)
+{
+    out.Object()["statusCode"] = response.statusName;
+    if (!response.error.empty())
+    {
+        out.Object()["error"] = response.error;
+    }
+    return response.IsGood() ? ExitSuccess : ExitBadStatus;
+}
+
+Json NameParams(const Request& request)
+{
+    return Json{{"name", request.name}};
+}
+
+Json PackageParams(const Request& request)
+{
+    return Json{{"name", request.name}, {"softwareRevision", request.revision}, {"manufacturerUri", request.uri}, {"patchIdentifiers", request.patches}};
+}
+
+std::optional<std::string> Revision(const Json& versionResult)
+{
+    if (versionResult.value("status", 1u) != 0 || !versionResult.contains("version"))
     {
         return std::nullopt;
     }
-    return version.SoftwareRevision.ToString();
+    return Text(versionResult["version"], "softwareRevision");
 }
 
-int List(ServiceHost& host, Output& out)
+int List(ServiceClient& client, Output& out)
 {
-    const std::vector<ComponentStatus> components = host.GetComponents();
-    Json list = Json::array();
-    std::size_t width = std::string("COMPONENT").size();
-    for (const ComponentStatus& component : components)
+    const Response response = client.Call("list", Json{{"versions", true}});
+    if (!response.IsGood())
     {
-        width = std::max(width, component.name.size());
+        out.Line(Outcome(response));
+        return Report(out, response);
+    }
+    const Json components = response.result.value("components", Json::array());
+    std::size_t width = std::string("COMPONENT").size();
+    for (const Json& component : components)
+    {
+        width = std::max(width, Text(component, "name").size());
     }
     out.Line(fmt::format("{:<{}}  {:<10}  {:<10}  {:<10}  {}", "COMPONENT", width, "STATE", "CURRENT", "PENDING", "MESSAGE"));
-    for (const ComponentStatus& component : components)
+    Json list = Json::array();
+    for (const Json& component : components)
     {
-        const auto current = RevisionOf(host, component.name, SoftwareVersionFileType::Current);
-        const auto pending = RevisionOf(host, component.name, SoftwareVersionFileType::Pending);
-        const std::string state = StateName(component.status.InstallationState);
-        const std::string message = component.status.ErrorMessage.ToString();
-        out.Line(fmt::format("{:<{}}  {:<10}  {:<10}  {:<10}  {}", component.name, width, state, current.value_or("-"),
-                             pending.value_or("-"), message));
-        list.push_back(Json{{"name", component.name},
-                            {"state", state},
-                            {"message", message},
-                            {"percentComplete", component.status.StatusWord1},
+        const Json status = component.value("status", Json::object());
+        const auto current = Revision(component.value("current", Json::object()));
+        const auto pending = Revision(component.value("pending", Json::object()));
+        const std::string name = Text(component, "name");
+        out.Line(fmt::format("{:<{}}  {:<10}  {:<10}  {:<10}  {}", name, width, Text(status, "state"), current.value_or("-"), pending.value_or("-"),
+                             Text(status, "message")));
+        list.push_back(Json{{"name", name},
+                            {"state", Text(status, "state")},
+                            {"message", Text(status, "message")},
+                            {"percentComplete", status.value("percent", 0)},
                             {"currentRevision", current ? Json(*current) : Json(nullptr)},
                             {"pendingRevision", pending ? Json(*pending) : Json(nullptr)}});
     }
@@ -136,29 +163,37 @@ int List(ServiceHost& host, Output& out)
     return ExitSuccess;
 }
 
-int Versions(ServiceHost& host, Output& out, const Request& request)
+int Versions(ServiceClient& client, Output& out, const Request& request)
 {
     out.Object()["name"] = request.name;
     out.Line(request.name);
+    const Response response = client.Call("getVersions", NameParams(request));
+    if (!response.IsGood())
+    {
+        out.Line(fmt::format("  {}", Outcome(response)));
+        return Report(out, response);
+    }
     int exitCode = ExitSuccess;
     int found = 0;
-    for (const auto& [fileType, label] : {std::pair{SoftwareVersionFileType::Current, "current"}, std::pair{SoftwareVersionFileType::Pending, "pending"}})
+    for (const char* label : {"current", "pending"})
     {
-        SoftwareVersionType version;
-        const StatusCode code = host.GetSoftwareVersion(request.name, fileType, version);
-        Json entry = code == StatusCodes::Good ? ToJson(version) : Json::object();
-        entry["statusCode"] = CodeName(code);
+        const Json result = response.result.value(label, Json::object());
+        const std::uint32_t code = result.value("status", 0x80010000u);
+        const std::string codeName = Text(result, "statusName");
+        const Json version = result.value("version", Json::object());
+        Json entry = code == 0 ? VersionJson(version) : Json::object();
+        entry["statusCode"] = codeName;
         out.Object()[label] = entry;
-        if (code == StatusCodes::Good)
+        if (code == 0)
         {
             ++found;
-            out.Line(fmt::format("  {}: {}  ({}, {}, released {})", label, version.SoftwareRevision.ToString(), version.Manufacturer.ToString(),
-                                 version.ManufacturerUri.ToString(), FormatTimestamp(version.ReleaseDate)));
+            out.Line(fmt::format("  {}: {}  ({}, {}, released {})", label, Text(version, "softwareRevision"), Text(version, "manufacturer"),
+                                 Text(version, "manufacturerUri"), FormatTimestamp(version.value("releaseDate", Json()))));
         }
         else
         {
-            out.Line(fmt::format("  {}: none ({})", label, CodeName(code)));
-            if (code != StatusCodes::BadNotFound)
+            out.Line(fmt::format("  {}: none ({})", label, codeName));
+            if (codeName != "Bad_NotFound")
             {
                 exitCode = ExitBadStatus;
             }
@@ -167,46 +202,110 @@ int Versions(ServiceHost& host, Output& out, const Request& request)
     return found == 0 ? ExitBadStatus : exitCode;
 }
 
-int Behavior(ServiceHost& host, Output& out, const Request& request)
+int Behavior(ServiceClient& client, Output& out, const Request& request)
 {
-    UpdateBehavior behavior = UpdateBehavior::None;
-    const StatusCode code = host.GetUpdateBehavior(request.name, request.uri, request.revision, ToStrings(request.patches), behavior);
+    const Response response = client.Call("getUpdateBehavior", PackageParams(request));
     out.Object()["name"] = request.name;
-    out.Object()["statusCode"] = CodeName(code);
-    out.Object()["behavior"] = static_cast<std::uint32_t>(behavior);
-    out.Object()["flags"] = BehaviorFlags(behavior);
-    out.Line(code == StatusCodes::Good ? fmt::format("{}: {}", CodeName(code), BehaviorText(behavior)) : CodeName(code));
-    return ExitFor(code);
+    out.Object()["behavior"] = response.result.value("behavior", 0u);
+    out.Object()["flags"] = response.result.value("flags", Json::array());
+    out.Line(response.IsGood() ? fmt::format("{}: {}", response.statusName, BehaviorText(response.result)) : Outcome(response));
+    return Report(out, response);
 }
 
-int Stage(ServiceHost& host, Output& out, const Request& request)
+std::string Sha256Hex(const std::string& path)
 {
-    Zun::String message;
-    const StatusCode code = host.SetSoftwarePackage(request.name, request.package, message);
-    out.Object()["name"] = request.name;
-    out.Object()["statusCode"] = CodeName(code);
-    out.Object()["message"] = message;
-    out.Line(message.empty() ? CodeName(code) : fmt::format("{}: {}", CodeName(code), message));
-    return ExitFor(code);
-}
-
-// Follows the installation through the module's GetStatus until it leaves Installing. On a
-// terminal the line is redrawn in place; otherwise each change is one line.
-int Wait(ServiceHost& host, Output& out, const Request& request)
-{
-    const bool terminal = !out.IsJson() && ::isatty(STDOUT_FILENO) == 1;
-    std::string shown;
-    const auto started = std::chrono::steady_clock::now();
-    SoftwareUpdateStatus status;
-    StatusCode code = StatusCodes::Good;
-    for (;;)
+    std::ifstream in(path, std::ios::binary);
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    EVP_DigestInit_ex(context, EVP_sha256(), nullptr);
+    std::vector<char> buffer(1 << 16);
+    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
     {
-        code = host.GetStatus(request.name, status);
-        if (code != StatusCodes::Good)
+        EVP_DigestUpdate(context, buffer.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(context, digest, &length);
+    EVP_MD_CTX_free(context);
+    std::string hex;
+    for (unsigned int i = 0; i < length; ++i)
+    {
+        hex += fmt::format("{:02x}", digest[i]);
+    }
+    return hex;
+}
+
+// Sends the file's bytes: begin, chunks as large as the service takes, commit. A failure on the
+// way aborts the upload, so the service keeps nothing of it.
+int Stage(ServiceClient& client, Output& out, const Request& request, std::uintmax_t size)
+{
+    out.Object()["name"] = request.name;
+    const std::string fileName = std::filesystem::path(request.package).filename().string();
+    Response response = client.Call("stageBegin", Json{{"name", request.name}, {"size", size}, {"sha256", Sha256Hex(request.package)}, {"fileName", fileName}});
+    if (response.IsGood())
+    {
+        const Json upload = response.result.value("upload", Json());
+        const std::size_t chunkBytes = std::min<std::size_t>(response.result.value("maxChunkBytes", 65536u), 512u * 1024u);
+        std::ifstream in(request.package, std::ios::binary);
+        std::vector<std::uint8_t> buffer(std::max<std::size_t>(chunkBytes, 1));
+        std::uintmax_t offset = 0;
+        while (response.IsGood() && offset < size)
         {
-            break;
+            in.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(std::min<std::uintmax_t>(buffer.size(), size - offset)));
+            const auto got = static_cast<std::size_t>(in.gcount());
+            if (got == 0)
+            {
+                response = Response{0x80040000u, "Bad_ResourceUnavailable", Json::object(), fmt::format("{} became shorter while it was sent", request.package)};
+                break;
+            }
+            response = client.Call("stageChunk", Json{{"upload", upload}, {"offset", offset}, {"data", Protocol::Base64::Encode(buffer.data(), got)}});
+            offset += got;
         }
-        const std::string line = fmt::format("{}: {}", StateName(status.InstallationState), status.ErrorMessage.ToString());
+        if (response.IsGood())
+        {
+            response = client.Call("stageCommit", Json{{"upload", upload}});
+        }
+        else if (offset < size)
+        {
+            client.Call("stageAbort", Json{{"upload", upload}});
+        }
+    }
+    const std::string message = Text(response.result, "message");
+    out.Object()["message"] = message.empty() ? response.error : message;
+    out.Line(message.empty() ? Outcome(response) : fmt::format("{}: {}", response.statusName, message));
+    return Report(out, response);
+}
+
+const Json* FindComponent(const Json& components, const std::string& name)
+{
+    for (const Json& component : components)
+    {
+        if (Text(component, "name") == name)
+        {
+            return &component;
+        }
+    }
+    return nullptr;
+}
+
+// Starts the installation while watching, then follows the component's events until it leaves
+// Installing. On a terminal the line is redrawn in place with the time taken; otherwise each
+// change is one line.
+int InstallAndWait(ServiceClient& client, Output& out, const Request& request)
+{
+    const Response watch = client.Call("watch");
+    if (!watch.IsGood())
+    {
+        out.Line(fmt::format("Watching the components failed: {}", Outcome(watch)));
+        return Report(out, watch);
+    }
+    const Json snapshot = watch.result.value("components", Json::array());
+    const Json* known = FindComponent(snapshot, request.name);
+    Json status = known != nullptr ? known->value("status", Json::object()) : Json::object();
+    const bool terminal = !out.IsJson() && ::isatty(STDOUT_FILENO) == 1;
+    const auto started = std::chrono::steady_clock::now();
+    std::string shown;
+    auto show = [&] {
+        const std::string line = fmt::format("{}: {}", Text(status, "state"), Text(status, "message"));
         if (terminal)
         {
             const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
@@ -218,100 +317,161 @@ int Wait(ServiceHost& host, Output& out, const Request& request)
             std::cout.flush();
         }
         shown = line;
-        if (status.InstallationState != UpdateInstallationState::Installing)
+    };
+
+    Json params = PackageParams(request);
+    params["installationDelay"] = request.delayMilliseconds;
+    const std::uint32_t id = client.Send("install", params);
+    std::optional<Response> answer;
+    bool sawInstalling = false;
+    for (;;)
+    {
+        Json message;
+        if (!client.Next(message, terminal ? std::chrono::milliseconds(1000) : std::chrono::milliseconds(-1)))
         {
-            break;
+            show();
+            continue;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(request.intervalMilliseconds));
+        const std::string type = Text(message, "type");
+        if (type == "response" && message.value("id", 0u) == id)
+        {
+            answer = ServiceClient::ToResponse(message);
+            out.Object()["installStatusCode"] = answer->statusName;
+            if (!answer->IsGood())
+            {
+                out.Line(fmt::format("Installation refused: {}", Outcome(*answer)));
+                out.Object()["state"] = Text(status, "state");
+                out.Object()["message"] = Text(status, "message");
+                out.Line(fmt::format("{}: {}", Text(status, "state"), Text(status, "message")));
+                return Report(out, *answer);
+            }
+            out.Line(fmt::format("{}: installation of {} started", answer->statusName, request.revision));
+        }
+        else if (type == "event" && Text(message, "name") == request.name)
+        {
+            if (Text(message, "event") == "componentRemoved")
+            {
+                out.Line(fmt::format("{} was removed by the software manager", request.name));
+                out.Object()["statusCode"] = "Bad_NotFound";
+                return ExitBadStatus;
+            }
+            status = message.value("status", Json::object());
+            sawInstalling = sawInstalling || Text(status, "state") == "Installing";
+        }
+        if (answer)
+        {
+            show();
+            if (sawInstalling && Text(status, "state") != "Installing")
+            {
+                break;
+            }
+        }
+    }
+    // The last event may precede the module's final word on the message; ask it once more.
+    const Response final = client.Call("getStatus", NameParams(request));
+    if (final.IsGood())
+    {
+        status = final.result.value("status", status);
+        show();
     }
     if (terminal)
     {
         std::cout << "\n";
     }
-    out.Object()["statusCode"] = CodeName(code);
-    if (code != StatusCodes::Good)
-    {
-        out.Line(fmt::format("Status query failed: {}", CodeName(code)));
-        return ExitBadStatus;
-    }
-    out.Object()["state"] = StateName(status.InstallationState);
-    out.Object()["message"] = status.ErrorMessage.ToString();
-    return status.InstallationState == UpdateInstallationState::Idle ? ExitSuccess : ExitBadStatus;
+    out.Object()["statusCode"] = answer->statusName;
+    out.Object()["state"] = Text(status, "state");
+    out.Object()["message"] = Text(status, "message");
+    return Text(status, "state") == "Idle" ? ExitSuccess : ExitBadStatus;
 }
 
-int Install(ServiceHost& host, Output& out, const Request& request)
+int Install(ServiceClient& client, Output& out, const Request& request)
 {
-    const StatusCode code = host.InstallSoftwarePackage(request.name, request.revision, request.uri, ToStrings(request.patches));
     out.Object()["name"] = request.name;
-    out.Object()["installStatusCode"] = CodeName(code);
-    out.Object()["statusCode"] = CodeName(code);
-    if (code != StatusCodes::Good)
+    if (request.wait)
     {
-        out.Line(fmt::format("Installation refused: {}", CodeName(code)));
-        SoftwareUpdateStatus status;
-        if (host.GetStatus(request.name, status) == StatusCodes::Good)
+        return InstallAndWait(client, out, request);
+    }
+    Json params = PackageParams(request);
+    params["installationDelay"] = request.delayMilliseconds;
+    const Response response = client.Call("install", params);
+    out.Object()["installStatusCode"] = response.statusName;
+    if (!response.IsGood())
+    {
+        out.Line(fmt::format("Installation refused: {}", Outcome(response)));
+        const Response status = client.Call("getStatus", NameParams(request));
+        if (status.IsGood())
         {
-            out.Object()["state"] = StateName(status.InstallationState);
-            out.Object()["message"] = status.ErrorMessage.ToString();
-            out.Line(fmt::format("{}: {}", StateName(status.InstallationState), status.ErrorMessage.ToString()));
+            const Json record = status.result.value("status", Json::object());
+            out.Object()["state"] = Text(record, "state");
+            out.Object()["message"] = Text(record, "message");
+            out.Line(fmt::format("{}: {}", Text(record, "state"), Text(record, "message")));
         }
-        return ExitBadStatus;
+        return Report(out, response);
     }
-    out.Line(fmt::format("{}: installation of {} started", CodeName(code), request.revision));
-    if (!request.wait)
-    {
-        out.Object()["state"] = StateName(UpdateInstallationState::Installing);
-        out.Line("The software manager goes on installing; the next start of the update service settles the result.");
-        return ExitSuccess;
-    }
-    return Wait(host, out, request);
+    out.Line(fmt::format("{}: installation of {} started", response.statusName, request.revision));
+    out.Object()["state"] = "Installing";
+    out.Line(fmt::format("The update service follows the installation to its end; see `zun-update status \"{}\"` or `zun-update watch`.", request.name));
+    return Report(out, response);
 }
 
-int Resume(ServiceHost& host, Output& out, const Request& request)
+int Resume(ServiceClient& client, Output& out, const Request& request)
 {
-    const StatusCode code = host.ResumeInstall(request.name);
+    const Response response = client.Call("resume", NameParams(request));
     out.Object()["name"] = request.name;
-    out.Object()["statusCode"] = CodeName(code);
-    out.Line(CodeName(code));
-    return ExitFor(code);
+    out.Line(Outcome(response));
+    return Report(out, response);
 }
 
-int Status(ServiceHost& host, Output& out, const Request& request)
+int Status(ServiceClient& client, Output& out, const Request& request)
 {
-    SoftwareUpdateStatus status;
-    const StatusCode code = host.GetStatus(request.name, status);
+    const Response response = client.Call("getStatus", NameParams(request));
     out.Object()["name"] = request.name;
-    out.Object()["statusCode"] = CodeName(code);
-    if (code == StatusCodes::Good)
+    if (response.IsGood())
     {
-        out.Object()["state"] = StateName(status.InstallationState);
-        out.Object()["message"] = status.ErrorMessage.ToString();
-        out.Object()["percentComplete"] = status.StatusWord1;
-        out.Line(fmt::format("{}: {}", request.name, StateName(status.InstallationState)));
-        if (!status.ErrorMessage.IsEmpty())
+        const Json status = response.result.value("status", Json::object());
+        out.Object()["state"] = Text(status, "state");
+        out.Object()["message"] = Text(status, "message");
+        out.Object()["percentComplete"] = status.value("percent", 0);
+        out.Line(fmt::format("{}: {}", request.name, Text(status, "state")));
+        if (!Text(status, "message").empty())
         {
-            out.Line(fmt::format("  message: {}", status.ErrorMessage.ToString()));
+            out.Line(fmt::format("  message: {}", Text(status, "message")));
         }
     }
     else
     {
-        SoftwareUpdateStatus stored;
-        const bool registered = host.GetStore()->GetStatus(request.name, stored);
-        out.Line(fmt::format("{}: {}{}", request.name, CodeName(code), registered ? "" : " (not a registered component; see `zun-update list`)"));
+        const Response list = client.Call("list");
+        const bool registered = FindComponent(list.result.value("components", Json::array()), request.name) != nullptr;
+        out.Line(fmt::format("{}: {}{}", request.name, Outcome(response), registered ? "" : " (not a registered component; see `zun-update list`)"));
     }
-    return ExitFor(code);
+    return Report(out, response);
 }
 
-int Notifications(ServiceHost& host, Output& out)
+int Notifications(ServiceClient& client, Output& out)
 {
     Json list = Json::array();
-    const auto notifications = host.GetStore()->GetNotifications();
-    for (const StoredNotification& notification : notifications)
+    std::uint64_t afterId = 0;
+    for (;;)
     {
-        list.push_back(ToJson(notification));
-        out.Line(NotificationLine(notification));
+        const Response response = client.Call("getNotifications", Json{{"afterId", afterId}, {"limit", 500}});
+        if (!response.IsGood())
+        {
+            out.Line(Outcome(response));
+            out.Object()["notifications"] = list;
+            return Report(out, response);
+        }
+        for (const Json& notification : response.result.value("notifications", Json::array()))
+        {
+            list.push_back(NotificationJson(notification));
+            out.Line(NotificationLine(notification));
+            afterId = std::max<std::uint64_t>(afterId, notification.value("id", 0u));
+        }
+        if (!response.result.value("more", false))
+        {
+            break;
+        }
     }
-    if (notifications.empty())
+    if (list.empty())
     {
         out.Line("(no security notifications)");
     }
@@ -319,12 +479,106 @@ int Notifications(ServiceHost& host, Output& out)
     return ExitSuccess;
 }
 
-void ReportError(bool json, const std::string& kind, const std::string& message)
+// The components as a table redrawn in place on a terminal; JSON lines otherwise (the snapshot,
+// then each event). Runs until the service closes the connection or the user interrupts.
+int Watch(ServiceClient& client, bool json)
+{
+    const Response response = client.Call("watch");
+    if (!response.IsGood())
+    {
+        std::cerr << "zun-update: watch: " << Outcome(response) << "\n";
+        return ExitBadStatus;
+    }
+    const bool table = !json && ::isatty(STDOUT_FILENO) == 1;
+    Json components = response.result.value("components", Json::array());
+    std::string lastNotification = "(none since the watch began)";
+    std::size_t drawn = 0;
+    auto draw = [&] {
+        std::vector<std::vector<std::string>> rows{{"COMPONENT", "STATE", "PERCENT", "MESSAGE"}};
+        for (const Json& component : components)
+        {
+            const Json status = component.value("status", Json::object());
+            rows.push_back({Text(component, "name"), Text(status, "state"), fmt::format("{}%", status.value("percent", 0)), Text(status, "message")});
+        }
+        std::vector<std::string> lines = Table(rows);
+        lines.push_back("Last notification: " + lastNotification);
+        if (drawn > 0)
+        {
+            std::cout << fmt::format("\033[{}A", drawn);
+        }
+        for (const std::string& line : lines)
+        {
+            std::cout << "\r\033[K" << line << "\n";
+        }
+        std::cout << "\033[J" << std::flush;
+        drawn = lines.size();
+    };
+    if (table)
+    {
+        draw();
+    }
+    else
+    {
+        Json snapshot = response.result;
+        snapshot["event"] = "snapshot";
+        std::cout << snapshot.dump() << std::endl;
+    }
+    for (;;)
+    {
+        Json message;
+        client.Next(message);
+        if (Text(message, "type") != "event")
+        {
+            continue;
+        }
+        if (!table)
+        {
+            message.erase("type");
+            std::cout << message.dump() << std::endl;
+            continue;
+        }
+        const std::string event = Text(message, "event");
+        const std::string name = Text(message, "name");
+        if (event == "componentAdded")
+        {
+            components.push_back(Json{{"name", name}, {"status", message.value("status", Json::object())}});
+        }
+        else if (event == "componentRemoved")
+        {
+            for (auto it = components.begin(); it != components.end(); ++it)
+            {
+                if (Text(*it, "name") == name)
+                {
+                    components.erase(it);
+                    break;
+                }
+            }
+        }
+        else if (event == "statusChanged")
+        {
+            for (Json& component : components)
+            {
+                if (Text(component, "name") == name)
+                {
+                    component["status"] = message.value("status", Json::object());
+                }
+            }
+        }
+        else if (event == "notificationSent")
+        {
+            lastNotification = NotificationLine(message.value("notification", Json::object()));
+        }
+        draw();
+    }
+}
+
+// `lines`: the output is JSON lines (watch), so the error is one line too.
+void ReportError(bool json, const std::string& kind, const std::string& message, bool lines = false)
 {
     std::cerr << "zun-update: " << kind << ": " << message << "\n";
     if (json)
     {
-        std::cout << Json{{"error", kind}, {"message", message}}.dump(2) << "\n";
+        std::cout << Json{{"error", kind}, {"message", message}}.dump(lines ? -1 : 2) << "\n";
     }
 }
 
@@ -332,27 +586,20 @@ void ReportError(bool json, const std::string& kind, const std::string& message)
 
 int main(int argc, char** argv)
 {
-    CLI::App app{"zun-update: the update service. Each invocation starts the update service once, which settles and announces\n"
-                 "installations that ended while it was stopped, runs one command and stops.",
+    CLI::App app{"zun-update: the command line of the update service. Every command talks to the running service\n"
+                 "(zun-update-service) over its local API.",
                  "zun-update"};
     app.footer(Footer);
     app.require_subcommand(1);
     app.fallthrough();
     app.failure_message(CLI::FailureMessage::help);
 
-    ServiceHostOptions options;
-    std::string storePath;
     std::string socketPath;
-    std::string pluginPath;
-    int logLevel = Zun::System::Commons::Diagnostics::Logging::LogManager::DefaultLevel;
     bool json = false;
-    unsigned timeoutMilliseconds = options.timeoutMilliseconds;
-    app.add_option("--store", storePath, "Status store (default $XDG_STATE_HOME/zun-update/store.db or ~/.local/state/zun-update/store.db)");
-    app.add_option("--socket", socketPath, "Software manager socket (default: the software manager's default socket)");
-    app.add_option("--plugin", pluginPath, "Updater plug-in (default: the one beside this program, else the one this build made)");
-    app.add_option("--timeout-ms", timeoutMilliseconds, "Deadline of one call to the software manager")->check(CLI::Range(1u, 600000u));
-    app.add_option("--log-level", logLevel, "Log level to standard error, 0 (off) to 7 (trace)")->check(CLI::Range(0, 7));
-    app.add_flag("--json", json, "Print one JSON object instead of text");
+    unsigned timeoutMilliseconds = 60000;
+    app.add_option("--socket", socketPath, "The update service's socket (default below)");
+    app.add_option("--timeout-ms", timeoutMilliseconds, "How long to wait for one answer of the service")->check(CLI::Range(1u, 3600000u));
+    app.add_flag("--json", json, "Print one JSON object instead of text (watch: one JSON object per line)");
 
     Request request;
     CLI::App* list = app.add_subcommand("list", "Components with their state, versions and status text");
@@ -363,21 +610,22 @@ int main(int argc, char** argv)
     behavior->add_option("--revision", request.revision, "Software revision of the pending package")->required();
     behavior->add_option("--uri", request.uri, "Manufacturer URI of the pending package")->required();
     behavior->add_option("--patch", request.patches, "Patch identifier (repeatable)");
-    CLI::App* stage = app.add_subcommand("stage", "Hand a package of the software manager's incoming folder to a component");
+    CLI::App* stage = app.add_subcommand("stage", "Send a package file to the service and stage it for a component");
     stage->add_option("name", request.name, "Component")->required();
-    stage->add_option("package", request.package, "Package file name in the incoming folder")->required();
+    stage->add_option("file", request.package, "Package file (a tar made by `zun-software-manager pack`)")->required();
     CLI::App* install = app.add_subcommand("install", "Install the pending package");
     install->add_option("name", request.name, "Component")->required();
     install->add_option("--revision", request.revision, "Software revision of the pending package")->required();
     install->add_option("--uri", request.uri, "Manufacturer URI of the pending package")->required();
     install->add_option("--patch", request.patches, "Patch identifier (repeatable; the pending package must have none)");
+    install->add_option("--delay-ms", request.delayMilliseconds, "Installation delay (the current module supports none)");
     install->add_flag("--wait", request.wait, "Show the progress until the component is Idle or in Error");
-    install->add_option("--interval-ms", request.intervalMilliseconds, "Polling interval of --wait")->check(CLI::Range(10u, 60000u));
     CLI::App* resume = app.add_subcommand("resume", "Resume a failed installation and leave the Error state");
     resume->add_option("name", request.name, "Component")->required();
     CLI::App* status = app.add_subcommand("status", "State and status text of a component, brought in step with the software manager");
     status->add_option("name", request.name, "Component")->required();
     CLI::App* notifications = app.add_subcommand("notifications", "The audit log of security notifications");
+    CLI::App* watch = app.add_subcommand("watch", "Follow the components live until interrupted");
 
     try
     {
@@ -393,18 +641,13 @@ int main(int argc, char** argv)
         return code == 0 ? ExitSuccess : ExitRefused;
     }
 
-    Zun::System::Commons::Diagnostics::Logging::LogManager::SetAllLevels(logLevel);
-
-    // Refused input never starts the service, so it cannot change the store.
+    // Refused input is never sent, so it cannot change anything.
+    std::uintmax_t packageSize = 0;
     try
     {
-        if (!*list && !*notifications)
+        if (!*list && !*notifications && !*watch)
         {
             RequestValidation::CheckComponentName(request.name);
-        }
-        if (*stage)
-        {
-            RequestValidation::CheckText("package reference", request.package);
         }
         if (*behavior || *install)
         {
@@ -415,6 +658,19 @@ int main(int argc, char** argv)
                 RequestValidation::CheckText("patch identifier", patch);
             }
         }
+        if (*stage)
+        {
+            std::error_code error;
+            packageSize = std::filesystem::is_regular_file(request.package, error) ? std::filesystem::file_size(request.package, error) : 0;
+            if (error || !std::filesystem::is_regular_file(request.package) || !std::ifstream(request.package, std::ios::binary))
+            {
+                throw Zun::System::Commons::ArgumentException("file", Zun::Exception::Format("The package '{0}' is not a readable file.", request.package));
+            }
+            if (packageSize == 0)
+            {
+                throw Zun::System::Commons::ArgumentException("file", Zun::Exception::Format("The package '{0}' is empty.", request.package));
+            }
+        }
     }
     catch (const Zun::System::Commons::ArgumentException& e)
     {
@@ -422,76 +678,67 @@ int main(int argc, char** argv)
         return ExitRefused;
     }
 
-    options.storePath = storePath;
-    options.socketPath = socketPath;
-    options.pluginPath = pluginPath;
-    options.timeoutMilliseconds = timeoutMilliseconds;
-    ServiceHost host(options);
-    try
+    // A service that goes away mid-request is reported, not a signal that kills the command.
+    std::signal(SIGPIPE, SIG_IGN);
+    if (socketPath.empty())
     {
-        host.Start();
+        socketPath = ServiceClient::DefaultSocketPath();
     }
-    catch (const std::exception& e)
-    {
-        ReportError(json, "unavailable", fmt::format("the update service could not start: {}", e.what()));
-        return ExitUnavailable;
-    }
-
     Output out(json);
-    const auto announcements = host.GetAnnouncements();
-    Json announced = Json::array();
-    for (const StoredNotification& notification : announcements)
-    {
-        announced.push_back(ToJson(notification));
-        out.Line("Announced: " + NotificationLine(notification));
-    }
     out.Object()["command"] = app.get_subcommands().front()->get_name();
-    out.Object()["announcements"] = announced;
-
-    int exitCode = ExitSuccess;
     try
     {
+        ServiceClient client(socketPath, std::chrono::milliseconds(timeoutMilliseconds));
+        int exitCode = ExitSuccess;
         if (*list)
         {
-            exitCode = List(host, out);
+            exitCode = List(client, out);
         }
         else if (*versions)
         {
-            exitCode = Versions(host, out, request);
+            exitCode = Versions(client, out, request);
         }
         else if (*behavior)
         {
-            exitCode = Behavior(host, out, request);
+            exitCode = Behavior(client, out, request);
         }
         else if (*stage)
         {
-            exitCode = Stage(host, out, request);
+            exitCode = Stage(client, out, request, packageSize);
         }
         else if (*install)
         {
-            exitCode = Install(host, out, request);
+            exitCode = Install(client, out, request);
         }
         else if (*resume)
         {
-            exitCode = Resume(host, out, request);
+            exitCode = Resume(client, out, request);
         }
         else if (*status)
         {
-            exitCode = Status(host, out, request);
+            exitCode = Status(client, out, request);
+        }
+        else if (*notifications)
+        {
+            exitCode = Notifications(client, out);
         }
         else
         {
-            exitCode = Notifications(host, out);
+            return Watch(client, json);
         }
-    }
-    catch (const std::exception& e)
-    {
         out.Finish();
-        ReportError(json, "failed", e.what());
-        host.Stop();
+        return exitCode;
+    }
+    catch (const ServiceClient::Unavailable& e)
+    {
+        std::cout.flush();
+        ReportError(json, "unavailable", e.what(), watch->parsed());
         return ExitUnavailable;
     }
-    out.Finish();
-    host.Stop();
-    return exitCode;
+    catch (const nlohmann::json::exception& e)
+    {
+        std::cout.flush();
+        ReportError(json, "failed", fmt::format("an answer of the update service has an unexpected form: {}", e.what()));
+        return ExitUnavailable;
+    }
 }
