@@ -2,15 +2,15 @@
 # The project's test command, as CI runs it (.ci/run): installs what is missing, then builds and tests
 # every configuration and runs the static analysis.
 #   bash scripts/test.sh            default, asan, tsan and armhf (under qemu) builds with their
-#                                   tests (fuzz corpus replay included), then clang-tidy
+#                                   tests (fuzz corpus replay included), the Debian package, then clang-tidy
 #   bash scripts/test.sh --quick    the default build and its tests only
-#   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default asan tsan armhf tidy
+#   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default package asan tsan armhf tidy
 # deps also installs the OPC UA server's npm packages (npm ci), whose end-to-end tests run in ctest.
 # Exits non-zero when any stage fails; every stage runs and a summary with timings closes the output.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(deps default asan tsan armhf tidy)
+stages=(deps default package asan tsan armhf tidy)
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) stages=(deps default) ;;
@@ -73,6 +73,17 @@ default() {
   preset default "${extra[@]}"
 }
 
+# The Debian package of the default build, checked file by file and run from its unpacked tree.
+package() {
+  local packages=build/default/packages deb
+  [ -f build/default/build.ninja ] || cmake --preset default "${strict[@]}" >/dev/null || return 1
+  cmake --build --preset default -j "$jobs" >/dev/null || return 1
+  rm -rf "$packages"
+  cpack --config build/default/CPackConfig.cmake -B "$packages" || return 1
+  deb=$(ls "$packages"/*.deb) || return 1
+  bash scripts/check-package.sh "$deb"
+}
+
 asan() { preset asan; }
 tsan() { preset tsan; }
 
@@ -115,7 +126,7 @@ tidy() {
 total_start=$SECONDS
 for stage in "${stages[@]}"; do
   case "$stage" in
-    deps|default|asan|tsan|armhf|tidy) run_stage "$stage" "$stage" ;;
+    deps|default|package|asan|tsan|armhf|tidy) run_stage "$stage" "$stage" ;;
     *) echo "test.sh: unknown stage '$stage'" >&2; exit 2 ;;
   esac
   # Without its dependencies nothing else can run.

@@ -51,10 +51,14 @@ String DefaultPaths::PluginPath()
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
     if (!error)
     {
-        const std::filesystem::path besideProgram = program.parent_path().parent_path() / "lib" / ZUN_PLUGIN_FILE_NAME;
-        if (std::filesystem::exists(besideProgram, error))
+        // A build tree keeps it in lib/, the installed package in its private lib/zun/.
+        for (const char* folder : {"lib", "lib/zun"})
         {
-            return String(besideProgram.string());
+            const std::filesystem::path besideProgram = program.parent_path().parent_path() / folder / ZUN_PLUGIN_FILE_NAME;
+            if (std::filesystem::exists(besideProgram, error))
+            {
+                return String(besideProgram.string());
+            }
         }
     }
     return String(ZUN_DEFAULT_PLUGIN_PATH);
