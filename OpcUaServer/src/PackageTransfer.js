@@ -21,8 +21,8 @@ class PackageTransfer {
 
         this.bind("GenerateFileForWrite", (args, context) => this.generateFileForWrite(context));
         this.bind("CloseAndCommit", (args, context) => this.closeAndCommit(args[0].value, context));
-        // The local API cannot read a package back.
-        this.bind("GenerateFileForRead", () => ({ statusCode: StatusCodes.BadNotSupported }));
+        // Reading a package back is the module's to answer.
+        this.bind("GenerateFileForRead", async () => methodResult((await client.getPackage(componentName, "Current")).status));
         errorMessage.setValueFromSource({ dataType: DataType.LocalizedText, value: { text: "" } });
         fileTransfer.getPropertyByName("ClientProcessingTimeout").setValueFromSource({ dataType: DataType.Double, value: 0 });
     }

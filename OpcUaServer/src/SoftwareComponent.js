@@ -62,8 +62,7 @@ class SoftwareComponent {
         });
         this.bindVersion("CurrentVersion", "current");
         this.bindVersion("PendingVersion", "pending");
-        // The local API offers no fallback version (nor does the module keep one).
-        this.bindVersion("FallbackVersion", null);
+        this.bindVersion("FallbackVersion", "fallback");
         this.bindUpdateKey(guard);
         bindMethod(this.loading.getMethodByName("GetUpdateBehavior"), (args) => this.getUpdateBehavior(args));
 
@@ -112,9 +111,6 @@ class SoftwareComponent {
     }
 
     async readVersionField(which, field) {
-        if (!which) {
-            return new DataValue({ statusCode: StatusCodes.BadNotSupported });
-        }
         const answer = await this.readVersions();
         const { status, version } = answer.status === 0 ? answer.result[which] : answer;
         return status === 0

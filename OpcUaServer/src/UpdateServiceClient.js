@@ -180,7 +180,11 @@ class UpdateServiceClient {
     }
 
     getVersions(name) {
-        return this.request("getVersions", { name });
+        return this.request("getVersions", { name, fallback: true });
+    }
+
+    getPackage(name, fileType) {
+        return this.request("getPackage", { name, fileType });
     }
 
     getUpdateBehavior(name, manufacturerUri, softwareRevision, patchIdentifiers) {

@@ -204,7 +204,8 @@ test("anyone reads; only ConfigureAdmin changes; refusals carry the module's or 
     const writeDelay = (session, value) => session.write({ nodeId: delay, attributeId: AttributeIds.Value, value: { value: { dataType: DataType.Double, value } } });
     const cases = [
         ["no pending package", () => readVersion(anonymous, Files, "PendingVersion"), StatusCodes.BadNotFound],
-        ["fallback version", () => readVersion(anonymous, Files, "FallbackVersion"), StatusCodes.BadNotSupported],
+        ["fallback version", () => readVersion(anonymous, Files, "FallbackVersion"), StatusCodes.BadNotFound],
+        ["package read back", () => callOn(admin, Files, "/SoftwareUpdate/Loading/FileTransfer", "0:GenerateFileForRead", [{ dataType: DataType.Int32, value: 0 }]), StatusCodes.BadNotSupported],
         ["anonymous install", () => install(anonymous, Files, "1.1.0"), StatusCodes.BadUserAccessDenied],
         ["viewer install", () => install(viewer, Files, "1.1.0"), StatusCodes.BadUserAccessDenied],
         ["viewer resume", () => callOn(viewer, Files, "/SoftwareUpdate/Installation", "Resume", []), StatusCodes.BadUserAccessDenied],

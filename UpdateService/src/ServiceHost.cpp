@@ -222,6 +222,14 @@ StatusCode ServiceHost::SetSoftwarePackage(const String& name, const String& pac
     return Module().SetSoftwarePackage(name, SoftwareVersionFileType::Pending, package, message);
 }
 
+StatusCode ServiceHost::GetSoftwarePackage(const String& name, SoftwareVersionFileType fileType, const String& package)
+{
+    CheckName(name);
+    RequestValidation::CheckText("package reference", package);
+    std::shared_lock<std::shared_mutex> lock(lifecycle);
+    return Module().GetSoftwarePackage(name, fileType, package);
+}
+
 StatusCode ServiceHost::InstallSoftwarePackage(const String& name, const String& softwareRevision, const String& manufacturerUri,
                                                const std::vector<String>& patchIdentifiers, long long installationDelay)
 {

@@ -119,13 +119,44 @@ std::vector<String> Patches(const Json& params)
     return patches;
 }
 
+Json Version(ServiceHost& host, const String& name, SoftwareVersionFileType fileType)
+{
+    SoftwareVersionType version;
+    const StatusCode code = host.GetSoftwareVersion(name, fileType, version);
+    return JsonRecords::VersionResult(code, version);
+}
+
 Json Versions(ServiceHost& host, const String& name)
 {
-    SoftwareVersionType current;
-    SoftwareVersionType pending;
-    const StatusCode currentCode = host.GetSoftwareVersion(name, SoftwareVersionFileType::Current, current);
-    const StatusCode pendingCode = host.GetSoftwareVersion(name, SoftwareVersionFileType::Pending, pending);
-    return {{"current", JsonRecords::VersionResult(currentCode, current)}, {"pending", JsonRecords::VersionResult(pendingCode, pending)}};
+    return {{"current", Version(host, name, SoftwareVersionFileType::Current)}, {"pending", Version(host, name, SoftwareVersionFileType::Pending)}};
+}
+
+bool Flag(const Json& params, const char* key)
+{
+    const Json* value = Find(params, key);
+    if (value != nullptr && !value->is_boolean())
+    {
+        Invalid(fmt::format("The parameter '{}' must be true or false.", key));
+    }
+    return value != nullptr && value->get<bool>();
+}
+
+SoftwareVersionFileType FileType(const Json& params)
+{
+    const String text = Text(params, "fileType");
+    if (text == "Current")
+    {
+        return SoftwareVersionFileType::Current;
+    }
+    if (text == "Pending")
+    {
+        return SoftwareVersionFileType::Pending;
+    }
+    if (text == "Fallback")
+    {
+        return SoftwareVersionFileType::Fallback;
+    }
+    Invalid("The parameter 'fileType' must be \"Current\", \"Pending\" or \"Fallback\".");
 }
 
 Json Response(std::uint32_t id, std::uint32_t status)
@@ -229,16 +260,12 @@ Json RequestHandler::Run(ClientConnection& connection, const std::string& op, co
     };
     if (op == "list")
     {
-        const Json* versions = Find(params, "versions");
-        if (versions != nullptr && !versions->is_boolean())
-        {
-            Invalid("The parameter 'versions' must be true or false.");
-        }
+        const bool versions = Flag(params, "versions");
         Json components = Json::array();
         for (const ComponentStatus& component : host.GetComponents())
         {
             Json entry = {{"name", static_cast<const std::string&>(component.name)}, {"status", JsonRecords::Status(component.status)}};
-            if (versions != nullptr && versions->get<bool>())
+            if (versions)
             {
                 entry.update(Versions(host, component.name));
             }
@@ -248,7 +275,18 @@ Json RequestHandler::Run(ClientConnection& connection, const std::string& op, co
     }
     if (op == "getVersions")
     {
-        return Versions(host, Name(params));
+        const String name = Name(params);
+        Json result = Versions(host, name);
+        if (Flag(params, "fallback"))
+        {
+            result["fallback"] = Version(host, name, SoftwareVersionFileType::Fallback);
+        }
+        return result;
+    }
+    if (op == "getPackage")
+    {
+        const String name = Name(params);
+        return answer(host.GetSoftwarePackage(name, FileType(params), Text(params, "package", false)));
     }
     if (op == "getUpdateBehavior")
     {

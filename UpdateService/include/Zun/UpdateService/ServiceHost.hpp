@@ -71,6 +71,8 @@ public:
     StatusCode GetUpdateBehavior(const String& name, const String& manufacturerUri, const String& softwareRevision,
                                  const std::vector<String>& patchIdentifiers, UpdateBehavior& behavior);
     StatusCode SetSoftwarePackage(const String& name, const String& package, String& message);
+    // Reading a package back; the package reference is where it would be written.
+    StatusCode GetSoftwarePackage(const String& name, SoftwareVersionFileType fileType, const String& package);
     StatusCode InstallSoftwarePackage(const String& name, const String& softwareRevision, const String& manufacturerUri,
                                       const std::vector<String>& patchIdentifiers, long long installationDelay = 0);
     StatusCode ResumeInstall(const String& name);
