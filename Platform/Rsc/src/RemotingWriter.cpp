@@ -74,7 +74,8 @@ void RemotingWriter::WriteStringInternal(const char* text, std::size_t capacity,
     }
     // Everything is checked before the first byte goes out, so that a refused string leaves the
     // buffer as it was.
-    const std::size_t length = FindZero(text, capacity);
+    // strnlen, not the word scan: a caller's text may end before its nominal capacity (a literal).
+    const std::size_t length = ::strnlen(text, capacity);
     if (length == capacity)
     {
         throw RemotingException("String has no terminator within its capacity of {0} bytes.", capacity);

@@ -23,7 +23,8 @@ ZUN_EXPORT void ClearText(char* data, std::size_t size) noexcept;
 // The number of bytes before the first zero byte of text[0, size), or size when there is none.
 // The first 32 bytes are scanned inline, eight at a time: most texts of the records are short, and
 // for them a call of the C library's strnlen costs more than the scan. Longer texts go on with
-// strnlen's vector scan. Reads nothing outside text[0, size).
+// strnlen's vector scan. Reads nothing outside text[0, size), but may read past the first zero
+// byte: the whole of text[0, size) must be readable (a caller's C string is not; use strnlen there).
 inline std::size_t FindZero(const char* text, std::size_t size) noexcept
 {
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the first byte of a loaded word must be its lowest");
