@@ -9,6 +9,10 @@ set(CMAKE_C_COMPILER ${ZUN_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${ZUN_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${ZUN_TRIPLET})
 
+# The device's clock runs past January 2038: 64-bit time_t (and file offsets, which glibc requires with it).
+set(CMAKE_C_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+
 # qemu's -L makes the target's loader and libraries (installed multiarch under /) visible to the guest.
 set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm-static;-L;/")
 

@@ -7,6 +7,8 @@
 namespace Zun
 {
 
+static_assert(sizeof(std::time_t) >= 8, "The clock must count past January 2038: build with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64");
+
 DateTime DateTime::GetUtcNow()
 {
     timespec now{};
