@@ -13,7 +13,8 @@
 # the original match any run of white space in the file, so an original may span lines; it must be
 # found exactly once. A fault that is not found once, or does not build, is an error of the list.
 # The unit tests run first and stop at their first failure; the integration tests run only when the
-# unit tests pass. Not part of CI: the whole list takes about half an hour on 2 cores.
+# unit tests pass. A fault in the OPC UA front (a .js file) runs the front's end-to-end tests instead.
+# Not part of CI: the whole list takes about half an hour on 2 cores.
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -38,6 +39,8 @@ while [ $# -gt 0 ]; do
     esac
 done
 [ -f "$list" ] || { echo "mutants: no list $list" >&2; exit 2; }
+# The tests run from inside the build folder.
+build=$(realpath -m -- "$build")
 
 state=$build/mutants
 log=$state/last.log
@@ -85,8 +88,18 @@ run_tests() {
 
 has_integration() { grep -q 'ZunIntegrationTests' "$build/build.ninja" 2>/dev/null; }
 
-# 0: the tests pass; 1: they fail; 2: the tree does not build.
+# The OPC UA front's end-to-end tests, through ctest, against the whole tree rebuilt (an earlier
+# fault's daemon must not linger). A skip (no node, no npm packages) is an error of the run.
+node_tests() {
+    cmake --build "$build" -j2 >>"$log" 2>&1 || return 2
+    (cd "$build" && timeout --kill-after=10 "$limit" ctest -R '^OpcUaServer$' --output-on-failure; exit $?) >>"$log" 2>&1 || return 1
+    if grep -q '\*\*\*Skipped' "$log"; then return 2; fi
+    return 0
+}
+
+# 0: the tests pass; 1: they fail; 2: the tree does not build (or, for the front, cannot run).
 test_tree() {
+    case ${1-} in *.js) node_tests; return ;; esac
     build_target ZunUnitTests || return 2
     run_tests ZunUnitTests || return 1
     if has_integration; then
@@ -105,8 +118,13 @@ fi
 start=$(date +%s)
 if [ "$baseline" = 1 ]; then
     : >"$log"
-    test_tree
-    case $? in
+    result=0
+    test_tree || result=$?
+    # The front's tests too when a chosen fault lies in it.
+    if [ "$result" = 0 ] && grep -v '^#' "$list" | grep -E -- "${only:-.}" | grep -q '^[^@]*\.js '; then
+        test_tree front.js || result=$?
+    fi
+    case $result in
         0) echo "baseline: the unchanged tree builds and passes ($(elapsed "$start"))" ;;
         *) echo "mutants: the unchanged tree fails already, see $log" >&2; exit 2 ;;
     esac
@@ -146,13 +164,13 @@ while IFS= read -r line || [ -n "$line" ]; do
     if ! edit plant "$root/$file" "$original" "$replacement"; then
         restore; echo "ERROR   $name (cannot plant)"; errors=$((errors + 1)); continue
     fi
-    test_tree
+    test_tree "$file"
     result=$?
     restore
     case $result in
         1) echo "caught  $name ($(elapsed "$begun"))"; caught=$((caught + 1)) ;;
         0) echo "MISSED  $name ($(elapsed "$begun"))"; missed=$((missed + 1)) ;;
-        *) echo "ERROR   $name (does not build)"; errors=$((errors + 1)); cp "$log" "$state/error-$number.log" ;;
+        *) echo "ERROR   $name (does not build or cannot run)"; errors=$((errors + 1)); cp "$log" "$state/error-$number.log" ;;
     esac
     file="" original="" replacement="" what=""
 done <"$list"
