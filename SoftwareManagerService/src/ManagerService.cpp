@@ -450,11 +450,12 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
         return Codes::BadInvalidArgument;
     }
 
+    // The serial is committed with the pending package: a refused package leaves state.json as it was.
+    // A folder of this serial can only be left over from a stop before that commit.
     std::uint64_t serial = 0;
     {
         std::lock_guard<std::mutex> lock(mutex);
         serial = component.nextSerial++;
-        Persist(component);
     }
     const fs::path staged = component.directory / "staged" / std::to_string(serial);
     const fs::path temporary = component.directory / "staged" / (std::to_string(serial) + ".tmp");
@@ -462,6 +463,7 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
     try
     {
         RemoveAll(temporary);
+        RemoveAll(staged);
         package = ExtractPackage(fd.Get(), temporary, Keyring::Load(trust.keyring), trust.allowUnsigned);
         PosixCall("rename", ::rename, temporary.c_str(), staged.c_str());
         SyncDirectory(staged.parent_path());

@@ -521,6 +521,12 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
             fs::create_directories(target);
             continue;
         }
+        // The header's size is refused before a byte is written: a small compressed package must not
+        // fill the disk before its payload is found too large.
+        if (archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+        {
+            throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+        }
         fs::create_directories(target.parent_path());
         FileDescriptor out(OpenExclusive(target));
         la_ssize_t count = 0;

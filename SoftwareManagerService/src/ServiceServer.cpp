@@ -241,6 +241,9 @@ void ServiceServer::Serve(Connection& connection)
                 if (result == IoResult::Timeout)
                 {
                     log.Log(3, "Closing a connection whose frame did not arrive within {0} ms", FrameTimeoutMilliseconds);
+                    channel.SendFrame(ErrorFrame(Operation::None, 0, StatusCodes::BadTimeout,
+                                                 Exception::Format("The frame did not arrive within {0} ms.", FrameTimeoutMilliseconds)),
+                                      Clock::now() + std::chrono::milliseconds(FrameTimeoutMilliseconds));
                 }
                 break;
             }

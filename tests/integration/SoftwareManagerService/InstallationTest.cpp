@@ -17,7 +17,8 @@ using namespace Manager::Transport;
 
 const Text Alpha("Alpha");
 
-// (name, type '0' file / '2' symbolic link, content or link target)
+// (name, type '0' file / '2' symbolic link / 'B' a file whose header claims the size in the text but
+// holds no data, as a compression bomb's would, content or link target)
 using TarEntry = std::tuple<std::string, char, std::string>;
 
 // A ustar archive written by hand, for packages that the pack command would never produce.
@@ -30,9 +31,9 @@ void WriteTar(const fs::path& path, const std::vector<TarEntry>& entries)
         char header[512] = {};
         std::snprintf(header, 100, "%s", name.c_str());
         std::snprintf(header + 100, 8, "%07o", 0644);
-        std::snprintf(header + 124, 12, "%011lo", static_cast<unsigned long>(content.size()));
+        std::snprintf(header + 124, 12, "%011llo", type == 'B' ? std::stoull(text) : static_cast<unsigned long long>(content.size()));
         std::memset(header + 148, ' ', 8);
-        header[156] = type;
+        header[156] = type == 'B' ? '0' : type;
         std::snprintf(header + 157, 100, "%s", type == '2' ? text.c_str() : "");
         std::memcpy(header + 257, "ustar\00000", 8);
         unsigned sum = 0;
@@ -216,6 +217,7 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
     proxy = MakeProxy(socket);
     ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("good.tar"), message));
     const auto stagedBefore = Names(AlphaFolder() / "staged");
+    const std::string stateBefore = ReadText(AlphaFolder() / "state.json");
 
     const std::string emptyDigest = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
     struct Refusal
@@ -241,6 +243,8 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         {"linkentry.tar", {{"payload/passwd", '2', "/etc/passwd"}}, StatusCodes::BadInvalidArgument,
          "was refused: The package entry 'payload/passwd' is not a regular file or folder."},
         {"nomanifest.tar", {{"payload/a.txt", '0', "a"}}, StatusCodes::BadInvalidArgument, "was refused: The package has no manifest.json."},
+        {"bomb.tar", {{"payload/zeros", 'B', std::to_string(std::uint64_t{3} << 29)}}, StatusCodes::BadInvalidArgument,
+         "was refused: The payload is larger than 1073741824 bytes."},
         {"field.tar", {{"manifest.json", '0', R"({"version":"7","colour":"red"})"}}, StatusCodes::BadInvalidArgument,
          "was refused: Unknown manifest field 'colour'."},
         {"date.tar", {{"manifest.json", '0', R"({"version":"7","releaseDate":"2026-01-01T00:00:00+02:00"})"}}, StatusCodes::BadInvalidArgument,
@@ -263,6 +267,7 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         EXPECT_EQ(0u, text.ToString().rfind("The package '" + r.reference + "' " + r.message, 0)) << text.CStr();
         EXPECT_EQ("1.5.0", Information().PendingManifest.Version.ToString());
         EXPECT_EQ(stagedBefore, Names(AlphaFolder() / "staged"));
+        EXPECT_EQ(stateBefore, ReadText(AlphaFolder() / "state.json"));
     }
     EXPECT_FALSE(fs::exists(temp / "escape.txt"));
 }
