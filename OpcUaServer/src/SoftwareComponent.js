@@ -159,6 +159,9 @@ class SoftwareComponent {
     bindInstallationDelay(guard) {
         const variable = this.installation.getComponentByName("InstallationDelay");
         guard(variable);
+        // The type declares it read-only; the guard decides who may write.
+        variable.accessLevel = AccessLevelFlag.CurrentRead | AccessLevelFlag.CurrentWrite;
+        variable.userAccessLevel = AccessLevelFlag.CurrentRead | AccessLevelFlag.CurrentWrite;
         variable.bindVariable({
             get: () => new Variant({ dataType: DataType.Double, value: this.installationDelay }),
             set: (variant) => {

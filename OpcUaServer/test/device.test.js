@@ -211,6 +211,7 @@ test("anyone reads; only ConfigureAdmin changes; refusals carry the module's or 
         ["viewer resume", () => callOn(viewer, Files, "/SoftwareUpdate/Installation", "Resume", []), StatusCodes.BadUserAccessDenied],
         ["viewer transfer", async () => ({ statusCode: (await transfer(viewer, Files, Buffer.from("x"))).written }), StatusCodes.BadUserAccessDenied],
         ["viewer delay", async () => ({ statusCode: await writeDelay(viewer, 0) }), StatusCodes.BadUserAccessDenied],
+        ["negative delay", async () => ({ statusCode: await writeDelay(admin, -1) }), StatusCodes.BadOutOfRange],
         ["install without a pending package", () => install(admin, Files, "1.1.0"), StatusCodes.BadNotFound],
         ["resume while Idle", () => callOn(admin, Files, "/SoftwareUpdate/Installation", "Resume", []), StatusCodes.BadInvalidState],
         ["argument of the wrong type", () => callOn(admin, Files, "/SoftwareUpdate/Installation", "InstallSoftwarePackage", [{ dataType: DataType.Int32, value: 1 }, ...strings("1.1.0"), { dataType: DataType.ByteString, value: null }]), StatusCodes.BadTypeMismatch],
