@@ -2,7 +2,8 @@
 # The project's test command, as CI runs it (.ci/run): installs what is missing, then builds and tests
 # every configuration and runs the static analysis.
 #   bash scripts/test.sh            default, asan, tsan and armhf (under qemu) builds with their
-#                                   tests (fuzz corpus replay included), the Debian package, then clang-tidy
+#                                   tests (fuzz corpus replay included; the default build also runs
+#                                   scripts/bad-input.sh), the Debian package, then clang-tidy
 #   bash scripts/test.sh --quick    the default build and its tests only
 #   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default package asan tsan armhf tidy
 # deps also installs the OPC UA server's npm packages (npm ci), whose end-to-end tests run in ctest.
@@ -15,7 +16,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --quick) stages=(deps default) ;;
     --only) IFS=, read -r -a stages <<<"${2:?--only needs a list of stages}"; shift ;;
-    -h|--help) sed -n '2,9p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
     *) echo "test.sh: unknown option '$1'" >&2; exit 2 ;;
   esac
   shift
@@ -70,7 +71,9 @@ default() {
   local extra=()
   # One build-only check that the benchmarks still compile; they are not run here.
   [ -f bench/CMakeLists.txt ] && extra+=(-DZUN_BUILD_BENCHMARKS=ON)
-  preset default "${extra[@]}"
+  preset default "${extra[@]}" &&
+    # Bad input at every boundary of the running services, with a fixed seed so that CI's cases repeat.
+    bash scripts/bad-input.sh --seed 20261125 --build-dir build/default
 }
 
 # The Debian package of the default build, checked file by file and run from its unpacked tree.
