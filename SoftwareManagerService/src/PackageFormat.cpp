@@ -443,29 +443,35 @@ String ComputePayloadDigest(const fs::path& payloadDirectory)
     return DigestFiles(ListPayloadFiles(payloadDirectory));
 }
 
-ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyring& keyring, bool allowUnsigned)
+namespace
 {
-    ArchiveReader reader;
-    archive_read_support_format_tar(reader.archive);
-    archive_read_support_filter_gzip(reader.archive);
-    if (archive_read_open_fd(reader.archive, fd, 64 * 1024) != ARCHIVE_OK)
-    {
-        throw PackageException("The package cannot be opened: {0}", archive_error_string(reader.archive));
-    }
-    CreateDirectory(destination);
-    CreateDirectory(destination / "payload");
 
-    std::string manifestText;
-    bool hasManifest = false;
-    std::string signatureText;
-    bool hasSignature = false;
-    std::int64_t payloadBytes = 0;
-    std::size_t entries = 0;
-    std::vector<char> buffer(64 * 1024);
-    archive_entry* entry = nullptr;
-    int status = ARCHIVE_OK;
-    while ((status = archive_read_next_header(reader.archive, &entry)) == ARCHIVE_OK)
+struct OpenArchive
+{
+    explicit OpenArchive(int fd)
     {
+        // Each pass reads the package from its start.
+        PosixCall("lseek", ::lseek, fd, off_t{0}, SEEK_SET);
+        archive_read_support_format_tar(reader.archive);
+        archive_read_support_filter_gzip(reader.archive);
+        if (archive_read_open_fd(reader.archive, fd, 64 * 1024) != ARCHIVE_OK)
+        {
+            throw PackageException("The package cannot be opened: {0}", archive_error_string(reader.archive));
+        }
+    }
+
+    // The next entry's path, checked to be safe and of an expected kind; empty at the end.
+    String Next(archive_entry*& entry)
+    {
+        const int status = archive_read_next_header(reader.archive, &entry);
+        if (status == ARCHIVE_EOF)
+        {
+            return String();
+        }
+        if (status != ARCHIVE_OK)
+        {
+            throw PackageException("The package is not a readable tar archive: {0}", archive_error_string(reader.archive));
+        }
         if (++entries > MaxEntries)
         {
             throw PackageException("The package has more than {0} entries.", MaxEntries);
@@ -481,82 +487,85 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
         {
             throw PackageException("The package entry '{0}' is not a regular file or folder.", path);
         }
-        if ((path == "manifest.json" || path == PackageSignature::FileName) && type == AE_IFREG)
-        {
-            const bool isManifest = path == "manifest.json";
-            bool& seen = isManifest ? hasManifest : hasSignature;
-            std::string& text = isManifest ? manifestText : signatureText;
-            const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
-            if (seen)
-            {
-                throw PackageException("The package holds {0} twice.", path);
-            }
-            if (archive_entry_size(entry) > limit)
-            {
-                throw PackageException("{0} is larger than {1} bytes.", path, limit);
-            }
-            seen = true;
-            la_ssize_t count = 0;
-            while ((count = archive_read_data(reader.archive, buffer.data(), buffer.size())) > 0)
-            {
-                text.append(buffer.data(), static_cast<std::size_t>(count));
-            }
-            if (count < 0)
-            {
-                throw PackageException("The package is damaged: {0}", archive_error_string(reader.archive));
-            }
-            continue;
-        }
-        if (path == "payload" && type == AE_IFDIR)
-        {
-            continue;
-        }
-        if (path.rfind("payload/", 0) != 0)
+        const bool own = (path == "manifest.json" || path == PackageSignature::FileName) && type == AE_IFREG;
+        if (!own && !(path == "payload" && type == AE_IFDIR) && path.rfind("payload/", 0) != 0)
         {
             throw PackageException("Unexpected entry '{0}' in the package; only manifest.json, manifest.sig and payload/ belong there.", path);
         }
-        const fs::path target = destination / fs::path(static_cast<const std::string&>(path));
-        if (type == AE_IFDIR)
-        {
-            fs::create_directories(target);
-            continue;
-        }
-        // The header's size is refused before a byte is written: a small compressed package must not
-        // fill the disk before its payload is found too large.
-        if (archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
-        {
-            throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
-        }
-        fs::create_directories(target.parent_path());
-        FileDescriptor out(OpenExclusive(target));
+        return path;
+    }
+
+    // Passes the entry's data to `sink` in pieces.
+    template <class Sink>
+    void Read(Sink sink)
+    {
         la_ssize_t count = 0;
         while ((count = archive_read_data(reader.archive, buffer.data(), buffer.size())) > 0)
         {
-            payloadBytes += count;
-            if (payloadBytes > MaxPayloadBytes)
-            {
-                throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
-            }
-            WriteAll(out.Get(), buffer.data(), static_cast<std::size_t>(count));
+            sink(buffer.data(), static_cast<std::size_t>(count));
         }
         if (count < 0)
         {
             throw PackageException("The package is damaged: {0}", archive_error_string(reader.archive));
         }
-        PosixCall("fsync", ::fsync, out.Get());
     }
-    if (status != ARCHIVE_EOF)
+
+    ArchiveReader reader;
+    std::size_t entries = 0;
+    std::vector<char> buffer = std::vector<char>(64 * 1024);
+};
+
+} // namespace
+
+ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyring& keyring, bool allowUnsigned)
+{
+    // First pass, nothing written: every entry checked, the manifest and its signature read and
+    // verified. A package that is not trusted costs no disk space and no more time than reading it.
+    std::string manifestText;
+    bool hasManifest = false;
+    std::string signatureText;
+    bool hasSignature = false;
     {
-        throw PackageException("The package is not a readable tar archive: {0}", archive_error_string(reader.archive));
+        OpenArchive package(fd);
+        std::int64_t payloadBytes = 0;
+        archive_entry* entry = nullptr;
+        for (String path = package.Next(entry); !path.empty(); path = package.Next(entry))
+        {
+            if (path == "manifest.json" || path == PackageSignature::FileName)
+            {
+                const bool isManifest = path == "manifest.json";
+                bool& seen = isManifest ? hasManifest : hasSignature;
+                std::string& text = isManifest ? manifestText : signatureText;
+                const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
+                if (seen)
+                {
+                    throw PackageException("The package holds {0} twice.", path);
+                }
+                if (archive_entry_size(entry) > limit)
+                {
+                    throw PackageException("{0} is larger than {1} bytes.", path, limit);
+                }
+                seen = true;
+                package.Read([&](const char* data, std::size_t size) { text.append(data, size); });
+                continue;
+            }
+            // The header's size is refused before anything is written: a small compressed package
+            // must not expand onto the disk before its payload is found too large.
+            if (archive_entry_filetype(entry) == AE_IFREG && archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+            {
+                throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+            }
+            payloadBytes += archive_entry_size(entry);
+        }
     }
     if (!hasManifest)
     {
         throw PackageException("The package has no manifest.json.");
     }
-    ExtractedPackage package;
+    ExtractedPackage extracted;
     if (hasSignature)
     {
-        package.signer = keyring.Verify(manifestText, ReadSignature(signatureText));
+        extracted.signer = keyring.Verify(manifestText, ReadSignature(signatureText));
     }
     else if (!allowUnsigned)
     {
@@ -568,15 +577,47 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
     {
         throw PackageException("manifest.json is not valid JSON.");
     }
-    package.manifest = ManifestFromJson(json);
+    extracted.manifest = ManifestFromJson(json);
     const String expected = PayloadDigestFromJson(json);
+
+    // Second pass: the payload. The file may have changed in between; the entries are checked again
+    // and the digest named by the verified manifest decides.
+    CreateDirectory(destination);
+    CreateDirectory(destination / "payload");
+    OpenArchive package(fd);
+    std::int64_t payloadBytes = 0;
+    archive_entry* entry = nullptr;
+    for (String path = package.Next(entry); !path.empty(); path = package.Next(entry))
+    {
+        if (path.rfind("payload/", 0) != 0)
+        {
+            continue;
+        }
+        const fs::path target = destination / fs::path(static_cast<const std::string&>(path));
+        if (archive_entry_filetype(entry) == AE_IFDIR)
+        {
+            fs::create_directories(target);
+            continue;
+        }
+        fs::create_directories(target.parent_path());
+        FileDescriptor out(OpenExclusive(target));
+        package.Read([&](const char* data, std::size_t size) {
+            payloadBytes += static_cast<std::int64_t>(size);
+            if (payloadBytes > MaxPayloadBytes)
+            {
+                throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+            }
+            WriteAll(out.Get(), data, size);
+        });
+        PosixCall("fsync", ::fsync, out.Get());
+    }
     const String actual = ComputePayloadDigest(destination / "payload");
     if (expected != actual)
     {
         throw PackageException("Payload checksum mismatch: the manifest says {0} but the payload has {1}.", expected, actual);
     }
     WriteFileAtomically(destination / "manifest.json", manifestText);
-    return package;
+    return extracted;
 }
 
 void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, const fs::path& output, const SigningKey* key)

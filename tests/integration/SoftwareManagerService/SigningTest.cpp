@@ -1,6 +1,9 @@
 // Staging trusts only the keyring: a package that is unsigned, altered after signing or signed by a
 // key outside the keyring is refused with its reason, by the manager and by "verify" alike, and
-// nothing of it stays staged.
+// nothing of it stays staged; one that is not trusted is refused before anything of it is written.
+#include <sys/inotify.h>
+#include <unistd.h>
+
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -30,6 +33,7 @@ struct Refusal
     const char* key; // signs the package: "signing" (in the keyring), "stranger" (not), "" (none)
     std::function<void(const fs::path& package, const fs::path& keyring)> alter;
     const char* reason; // after "The package '<name>.tar' was refused: "
+    bool extracts = false; // the signature holds, so the payload is written before its digest is checked
 };
 
 void PrintTo(const Refusal& refusal, std::ostream* out)
@@ -60,7 +64,13 @@ TEST_P(SigningTest, OnlyWhatAKeyOfTheKeyringSignedIsStaged)
         refusal.alter(Incoming() / file, Keyring()); // while the manager runs: it reads the keyring at every staging
     }
 
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(::inotify_add_watch(watch, (AlphaFolder() / "staged").c_str(), IN_CREATE), 0);
     EXPECT_EQ(StatusCodes::BadInvalidArgument, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, alpha, Text(file.c_str()), message));
+    char events[4096];
+    EXPECT_EQ(refusal.extracts, ::read(watch, events, sizeof events) > 0);
+    ::close(watch);
     EXPECT_EQ(0u, message.ToString().rfind("The package '" + file + "' was refused: " + refusal.reason, 0)) << message.CStr();
     SoftwareInformation information;
     ASSERT_EQ(StatusCodes::Good, proxy->GetSoftwareInformation(SoftwareKind::GenericFiles, alpha, information));
@@ -78,7 +88,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Refusal{"signature", "signing", [](auto& package, auto&) { ChangeByte(package, "\"signature\": \"", 14); },
                               "The signature does not match manifest.json for key "},
                       Refusal{"payload", "signing", [](auto& package, auto&) { ChangeByte(package, "sample content", 0); },
-                              "Payload checksum mismatch"},
+                              "Payload checksum mismatch", true},
                       Refusal{"stranger", "stranger", nullptr, "manifest.json is signed by key "},
                       Refusal{"withdrawn", "signing", [](auto&, auto& keyring) { fs::remove(keyring / "test.pem"); },
                               "manifest.json is signed by key "}),

@@ -46,7 +46,8 @@ struct ExtractedPackage
 // and payload/. Refuses unsafe or unexpected entries, a missing or malformed manifest, a signature
 // that is malformed, not from a key of `keyring` or not matching the manifest, an unsigned package
 // unless `allowUnsigned`, and a payload digest that does not match; the signature is checked before
-// the manifest is read.
+// the manifest is read. `fd` is read twice from its start: first every entry is checked and the
+// manifest verified with nothing written, then the payload is extracted.
 ExtractedPackage ExtractPackage(int fd, const std::filesystem::path& destination, const Keyring& keyring, bool allowUnsigned);
 
 // Writes a package from a manifest and a payload file or folder; fills in the payload digest and,
