@@ -601,6 +601,10 @@ async function packageCases() {
     const bomb = compressionBomb(bombSize);
     await check("package", `compression bomb (${bombSize >> 20} MiB of zeros in ${Math.round(bomb.length / 1024)} KiB)`, async () => refused(await stage(bomb), "Bad_InvalidArgument"));
 
+    const many = between(20000, 30000);
+    const manyFiles = Array.from({ length: many }, (_, i) => [`f${i}`, Buffer.alloc(0)]);
+    const manyTar = zlib.gzipSync(makePackage({ files: manyFiles, sign: false }));
+    await check("package", `unsigned package of ${many} empty files (${Math.round(manyTar.length / 1024)} KiB)`, async () => refused(await stage(manyTar), "Bad_InvalidArgument"));
     const wrongManifests = [
         ["version as a number", { version: between(1, 99) }],
         ["version as an array", { version: ["1.0"] }],
@@ -661,7 +665,7 @@ async function packageCases() {
         await check("package", what, async () => refused(await stage(bytes), "Bad_InvalidArgument"));
     }
     // The upload's file name must not place the copy outside the manager's package folder.
-    for (const fileName of ["../../escaped.tar", `${outside}/named.tar`, "..", ".", "/"]) {
+    for (const fileName of ["../../escaped.tar", `${outside}/named.tar`, "..", ".", "/", "a\0b.tar", `${letters(between(256, 1024))}.tar`]) {
         await check("package", `upload named ${fileName.replace(outside, "OUTSIDE")}`, async () => {
             const problems = refused(await stage(makePackage({ manifest: good, sign: false }), fileName), "Bad_InvalidArgument");
             for (const leaked of [path.join(work, "escaped.tar"), path.join(managerState, "escaped.tar"), path.join(outside, "named.tar")]) {
