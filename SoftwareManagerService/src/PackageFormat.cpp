@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -34,6 +35,9 @@ constexpr std::size_t MaxListEntries = 1000;
 constexpr std::int64_t MaxManifestSize = 8 * 1024 * 1024;
 constexpr std::int64_t MaxPayloadBytes = std::int64_t{1} << 30;
 constexpr std::size_t MaxEntries = 100'000;
+// Bounds that keep every extracted path within what the file system takes below a state folder.
+constexpr std::size_t MaxEntryPathBytes = 1024;
+constexpr std::size_t MaxPathPartBytes = 255;
 
 // Days since 1970-01-01 of a proleptic Gregorian date.
 std::int64_t DaysFromCivil(std::int64_t y, unsigned m, unsigned d)
@@ -487,6 +491,16 @@ struct OpenArchive
         {
             throw PackageException("The package entry '{0}' is not a regular file or folder.", path);
         }
+        std::size_t part = 0;
+        for (std::size_t start = 0; start < path.size(); start += part + 1)
+        {
+            part = std::min(path.find('/', start), path.size()) - start;
+            if (part > MaxPathPartBytes || path.size() > MaxEntryPathBytes)
+            {
+                throw PackageException("The package entry '{0}...' has a path of {1} bytes or a part above {2} bytes; at most {3} and {2} are allowed.",
+                                       path.substr(0, 64), path.size(), MaxPathPartBytes, MaxEntryPathBytes);
+            }
+        }
         const bool own = (path == "manifest.json" || path == PackageSignature::FileName) && type == AE_IFREG;
         if (!own && !(path == "payload" && type == AE_IFDIR) && path.rfind("payload/", 0) != 0)
         {
@@ -528,19 +542,31 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
     {
         OpenArchive package(fd);
         std::int64_t payloadBytes = 0;
+        // Every payload path and the folders it implies (true) or is (false for a file).
+        std::map<std::string, bool> folders;
         archive_entry* entry = nullptr;
         for (String path = package.Next(entry); !path.empty(); path = package.Next(entry))
         {
+            const bool folder = archive_entry_filetype(entry) == AE_IFDIR;
+            for (std::size_t slash = path.find('/'); slash != String::npos; slash = path.find('/', slash + 1))
+            {
+                const auto [it, added] = folders.emplace(path.substr(0, slash), true);
+                if (!it->second)
+                {
+                    throw PackageException("The package entry '{0}' lies below the file '{1}'.", path, it->first);
+                }
+            }
+            const auto [it, added] = folders.emplace(path, folder);
+            if (!added && !(folder && it->second))
+            {
+                throw PackageException("The package holds '{0}' twice.", path);
+            }
             if (path == "manifest.json" || path == PackageSignature::FileName)
             {
                 const bool isManifest = path == "manifest.json";
                 bool& seen = isManifest ? hasManifest : hasSignature;
                 std::string& text = isManifest ? manifestText : signatureText;
                 const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
-                if (seen)
-                {
-                    throw PackageException("The package holds {0} twice.", path);
-                }
                 if (archive_entry_size(entry) > limit)
                 {
                     throw PackageException("{0} is larger than {1} bytes.", path, limit);

@@ -17,8 +17,8 @@ using namespace Manager::Transport;
 
 const Text Alpha("Alpha");
 
-// (name, type '0' file / '2' symbolic link / 'B' a file whose header claims the size in the text but
-// holds no data, as a compression bomb's would, content or link target)
+// (name, type '0' file / '2' symbolic link / 'L' the next entry's long name / 'B' a file whose header
+// claims the size in the text but holds no data, as a compression bomb's would, content or link target)
 using TarEntry = std::tuple<std::string, char, std::string>;
 
 // A ustar archive written by hand, for packages that the pack command would never produce.
@@ -27,7 +27,7 @@ void WriteTar(const fs::path& path, const std::vector<TarEntry>& entries)
     std::string data;
     for (const auto& [name, type, text] : entries)
     {
-        const std::string content = type == '0' ? text : "";
+        const std::string content = type == '0' || type == 'L' ? text : "";
         char header[512] = {};
         std::snprintf(header, 100, "%s", name.c_str());
         std::snprintf(header + 100, 8, "%07o", 0644);
@@ -243,6 +243,12 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         {"linkentry.tar", {{"payload/passwd", '2', "/etc/passwd"}}, StatusCodes::BadInvalidArgument,
          "was refused: The package entry 'payload/passwd' is not a regular file or folder."},
         {"nomanifest.tar", {{"payload/a.txt", '0', "a"}}, StatusCodes::BadInvalidArgument, "was refused: The package has no manifest.json."},
+        {"twice.tar", {{"payload/a", '0', "x"}, {"payload/a", '0', "y"}}, StatusCodes::BadInvalidArgument,
+         "was refused: The package holds 'payload/a' twice."},
+        {"below.tar", {{"payload/a", '0', "x"}, {"payload/a/b", '0', "y"}}, StatusCodes::BadInvalidArgument,
+         "was refused: The package entry 'payload/a/b' lies below the file 'payload/a'."},
+        {"longpart.tar", {{"././@LongLink", 'L', "payload/" + std::string(256, 'p')}, {"payload/p", '0', "x"}}, StatusCodes::BadInvalidArgument,
+         "was refused: The package entry 'payload/" + std::string(56, 'p') + "...' has a path of 264 bytes"},
         {"bomb.tar", {{"payload/zeros", 'B', std::to_string(std::uint64_t{3} << 29)}}, StatusCodes::BadInvalidArgument,
          "was refused: The payload is larger than 1073741824 bytes."},
         {"field.tar", {{"manifest.json", '0', R"({"version":"7","colour":"red"})"}}, StatusCodes::BadInvalidArgument,
