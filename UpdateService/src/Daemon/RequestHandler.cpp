@@ -26,6 +26,8 @@ using Json = nlohmann::json;
 
 namespace
 {
+
+constexpr std::size_t MaxUploadFileNameBytes = 200;
 struct Log : System::Commons::Diagnostics::Logging::Loggable<RequestHandler>
 {
     using Loggable::log;
@@ -411,6 +413,12 @@ Json RequestHandler::StageBegin(ClientConnection& connection, const Json& params
         if (fileName.empty() || fileName == "." || fileName == "..")
         {
             Invalid("The parameter 'fileName' names no file.");
+        }
+        // A file name takes at most 255 bytes, and the upload's own prefix may be put before it.
+        if (fileName.size() > MaxUploadFileNameBytes)
+        {
+            Invalid(fmt::format("The parameter 'fileName' ends in a name of {} bytes; at most {} are allowed.", fileName.size(),
+                                MaxUploadFileNameBytes));
         }
     }
     if (size > limits.maxPackageBytes)

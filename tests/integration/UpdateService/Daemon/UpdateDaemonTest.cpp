@@ -166,6 +166,19 @@ TEST_F(UpdateDaemonTest, AnInstallationThatOutlivesAKilledDaemonIsSettledAndAnno
     }
 }
 
+TEST_F(UpdateDaemonTest, AnUploadNameThatNoPackageFileCouldCarryIsRefusedAtTheBeginning)
+{
+    auto daemon = StartDaemon();
+    Client client(socket);
+    for (const std::string& fileName : {std::string(201, 'n'), "dir/" + std::string(201, 'n'), std::string(".."), std::string("a\0b", 3)})
+    {
+        EXPECT_EQ("Bad_InvalidArgument", client.Call("stageBegin", {{"name", Files}, {"size", 10}, {"fileName", fileName}})["statusName"])
+            << fileName.size();
+    }
+    EXPECT_EQ(0, client.Call("stageBegin", {{"name", Files}, {"size", 10}, {"fileName", "dir/" + std::string(200, 'n')}})["status"]);
+    EXPECT_EQ(0, daemon->Kill(SIGTERM));
+}
+
 TEST_F(UpdateDaemonTest, AClientThatSendsGarbageOrStopsReadingDisturbsNoOther)
 {
     auto daemon = StartDaemon({"--client-queue", "16"});
