@@ -27,10 +27,13 @@ function defaultSocketPath(env = process.env) {
     return path.join(env.XDG_RUNTIME_DIR || os.tmpdir(), "zun-update", "service.sock");
 }
 
+const BadRequestTooLarge = 0x80B80000;
+class MessageTooLarge extends Error {}
+
 function encode(message) {
     const body = Buffer.from(JSON.stringify(message), "utf8");
     if (body.length > MaxMessageBytes) {
-        throw new Error(`a message of ${body.length} bytes exceeds the protocol's ${MaxMessageBytes}`);
+        throw new MessageTooLarge(`a message of ${body.length} bytes exceeds the protocol's ${MaxMessageBytes}`);
     }
     const header = Buffer.alloc(HeaderSize);
     header.writeUInt32LE(body.length, 0);
@@ -74,16 +77,28 @@ class Connection extends EventEmitter {
         if (this.closed) {
             return Promise.reject(new ConnectionError("the update service connection is closed"));
         }
+        // Encoded before it is queued: a message that cannot be sent must not take the next answer.
+        const bytes = encode(message);
         return new Promise((resolve, reject) => {
             this.pending.push({ resolve, reject });
-            this.socket.write(encode(message));
+            this.socket.write(bytes);
         });
     }
 
     request(op, params) {
         const id = this.nextId;
         this.nextId = (this.nextId % 0xFFFFFFFF) + 1;
-        return this.exchange({ type: "request", id, op, params }).then((response) => {
+        let answer;
+        try {
+            answer = this.exchange({ type: "request", id, op, params });
+        } catch (error) {
+            if (!(error instanceof MessageTooLarge)) {
+                throw error;
+            }
+            // Refused here as the service refuses a message above its limit; the connection stays as it was.
+            return Promise.resolve({ type: "response", id, status: BadRequestTooLarge, statusName: "Bad_RequestTooLarge", error: error.message });
+        }
+        return answer.then((response) => {
             if (response.id !== id) {
                 this.fail(new ConnectionError(`answer ${response.id} came for request ${id}`));
             }

@@ -215,6 +215,7 @@ test("anyone reads; only ConfigureAdmin changes; refusals carry the module's or 
         ["install without a pending package", () => install(admin, Files, "1.1.0"), StatusCodes.BadNotFound],
         ["resume while Idle", () => callOn(admin, Files, "/SoftwareUpdate/Installation", "Resume", []), StatusCodes.BadInvalidState],
         ["argument of the wrong type", () => callOn(admin, Files, "/SoftwareUpdate/Installation", "InstallSoftwarePackage", [{ dataType: DataType.Int32, value: 1 }, ...strings("1.1.0"), { dataType: DataType.ByteString, value: null }]), StatusCodes.BadTypeMismatch],
+        ["an argument above the local API's message limit", () => install(admin, Files, "x".repeat(1 << 20)), StatusCodes.BadRequestTooLarge],
         ["update key", async () => ({ statusCode: await admin.write({ nodeId: await nodeOf(admin, await component(admin, Files), "/SoftwareUpdate/Loading/UpdateKey"), attributeId: AttributeIds.Value, value: { value: { dataType: DataType.String, value: "key" } } }) }), StatusCodes.BadNotSupported],
         ["package above the size limit", async () => ({ statusCode: (await transfer(admin, Files, Buffer.alloc(server.model.maxPackageSize + 1))).written }), StatusCodes.BadRequestTooLarge],
         ["package the manager refuses", async () => ({ statusCode: (await transfer(admin, Files, Buffer.from("not a package"))).committed }), null]
