@@ -270,6 +270,15 @@ function tarHeader({ name, size = 0, type = "0", link = "", mode = 0o644 }) {
     put(octal(sum, 7) + " ", 148, 8);
     return header;
 }
+// A pax header that gives the next entry a path longer than ustar's 100 bytes.
+function paxPath(name) {
+    let record = ` path=${name}\n`;
+    let length = record.length + 1;
+    while (String(length).length + record.length !== length) {
+        length = String(length).length + record.length;
+    }
+    return { name: "PaxHeader", type: "x", data: Buffer.from(`${length}${record}`) };
+}
 const pad = (data) => Buffer.concat([data, Buffer.alloc((512 - (data.length % 512)) % 512)]);
 const tarEntry = (entry) => Buffer.concat([tarHeader({ ...entry, size: entry.data?.length ?? 0 }), pad(entry.data ?? Buffer.alloc(0))]);
 const tarEnd = Buffer.alloc(1024);
@@ -532,7 +541,8 @@ async function cliCases() {
     fs.writeFileSync(empty, "");
     const run = (commandArgs) => new Promise((resolve) => {
         // Through the shell, so that ill-formed bytes reach the program's arguments as they are.
-        const child = spawn("/bin/sh", ["-c", `exec "$0" --socket "$1" ${commandArgs}`, cli, serviceSocket], { stdio: ["ignore", "pipe", "pipe"] });
+        const socket = commandArgs.includes("--socket") ? "" : '--socket "$1"';
+        const child = spawn("/bin/sh", ["-c", `exec "$0" ${socket} ${commandArgs}`, cli, serviceSocket], { stdio: ["ignore", "pipe", "pipe"] });
         let output = "";
         child.stdout.on("data", (data) => { output += data; });
         child.stderr.on("data", (data) => { output += data; });
@@ -550,7 +560,11 @@ async function cliCases() {
         ["stage an empty file", `stage "${Files}" "${empty}"`, 2],
         ["stage a folder", `stage "${Files}" "${work}"`, 2],
         ["stage a missing file", `stage "${Files}" "${work}/missing.tar"`, 2],
-        ["stage a character device", `stage "${Files}" /dev/null`, 2]
+        ["stage a character device", `stage "${Files}" /dev/null`, 2],
+        ["a socket path longer than a socket address", `--socket "${work}/${letters(between(110, 300))}" list`, null],
+        ["a timeout of zero", `--timeout-ms 0 list`, 2],
+        ["a timeout that is not a number", `--timeout-ms ${letters(4)} list`, 2],
+        ["a negative installation delay", `install "${Files}" --revision 1.1.0 --uri ${Uri} --delay-ms -${between(1, 1000)}`, 2]
     ];
     for (const [what, commandArgs, expected] of cases) {
         await check("cli", what, async () => {
@@ -584,7 +598,13 @@ async function packageCases() {
         ["a block device", { extra: [{ name: "payload/disk", type: "4" }] }],
         ["a FIFO", { extra: [{ name: "payload/pipe", type: "6" }] }],
         ["an entry outside payload/", { extra: [{ name: pick(["state.json", "current", "keyring/evil.pem"]), data: Buffer.from("x") }] }],
-        ["manifest.json twice", { extra: [{ name: "manifest.json", data: Buffer.from("{}") }] }]
+        ["manifest.json twice", { extra: [{ name: "manifest.json", data: Buffer.from("{}") }] }],
+        ["a payload file twice", { extra: [{ name: "payload/readme.txt", data: Buffer.from("again") }] }],
+        ["a payload file that is also a folder", { extra: [{ name: "payload/readme.txt/inner", data: Buffer.from("x") }] }],
+        ["a path part of 256 bytes and more", { extra: [paxPath(`payload/${letters(between(256, 400))}`), { name: "payload/long", data: Buffer.from("x") }] }],
+        ["a path of 4096 bytes and more", { extra: [paxPath(`payload/${Array.from({ length: between(40, 60) }, () => letters(100)).join("/")}`), { name: "payload/deep", data: Buffer.from("x") }] }],
+        ["a pax header hiding ..", { extra: [paxPath("payload/../../escaped"), { name: "payload/innocent", data: Buffer.from("x") }] }],
+        ["a manifest.json of 8 MiB and more", { extra: [{ name: "manifest.json", data: Buffer.alloc((8 << 20) + between(1, 4096), 0x20) }] }]
     ];
     for (const [what, spec] of escapes) {
         await check("package", `package with ${what}`, async () => {
@@ -665,7 +685,7 @@ async function packageCases() {
         await check("package", what, async () => refused(await stage(bytes), "Bad_InvalidArgument"));
     }
     // The upload's file name must not place the copy outside the manager's package folder.
-    for (const fileName of ["../../escaped.tar", `${outside}/named.tar`, "..", ".", "/", "a\0b.tar", `${letters(between(256, 1024))}.tar`]) {
+    for (const fileName of ["../../escaped.tar", `${outside}/named.tar`, "..", ".", "/", "a\0b.tar", `${letters(between(197, 1024))}.tar`]) {
         await check("package", `upload named ${fileName.replace(outside, "OUTSIDE")}`, async () => {
             const problems = refused(await stage(makePackage({ manifest: good, sign: false }), fileName), "Bad_InvalidArgument");
             for (const leaked of [path.join(work, "escaped.tar"), path.join(managerState, "escaped.tar"), path.join(outside, "named.tar")]) {
@@ -677,6 +697,26 @@ async function packageCases() {
         });
     }
     await check("package", "stageBegin above maxPackageBytes", async () => refused(await apiCall("stageBegin", { name: Files, size: 2 ** 40 }), "Bad_RequestTooLarge"));
+    const upload = async (size, steps) => {
+        const api = await Api.open();
+        try {
+            const begun = await api.request("stageBegin", { name: Files, size, sha256: steps.sha256 });
+            return await steps.run(api, begun.result.upload);
+        } finally {
+            api.close();
+        }
+    };
+    await check("package", "stageChunk with bad base64", async () => upload(8, { run: async (api, id) => refused(await api.request("stageChunk", { upload: id, offset: 0, data: pick(["@@@@", "abc", "ab=c", "====", "YWJj\u0000"]) }), "Bad_InvalidArgument") }));
+    await check("package", "stageChunk at a wrong offset", async () => upload(8, { run: async (api, id) => refused(await api.request("stageChunk", { upload: id, offset: between(1, 7), data: "YWJj" }), "Bad_InvalidArgument") }));
+    await check("package", "stageCommit before every byte arrived", async () => upload(8, { run: async (api, id) => { await api.request("stageChunk", { upload: id, offset: 0, data: "YWJj" }); return refused(await api.request("stageCommit", { upload: id }), "Bad_InvalidState"); } }));
+    await check("package", "stageCommit with the wrong sha256", async () => {
+        const bytes = makePackage({ manifest: good });
+        return upload(bytes.length, { sha256: crypto.randomBytes(32).toString("hex"), run: async (api, id) => {
+            await api.request("stageChunk", { upload: id, offset: 0, data: bytes.toString("base64") });
+            return refused(await api.request("stageCommit", { upload: id }), "Bad_InvalidArgument");
+        } });
+    });
+    await check("package", "stageChunk of an unknown upload", async () => refused(await apiCall("stageChunk", { upload: between(1000, 1e6), offset: 0, data: "YWJj" }), "Bad_NotFound"));
     await check("package", "stageChunk past the announced size", async () => {
         const api = await Api.open();
         try {
@@ -878,6 +918,7 @@ async function opcuaCases() {
         ["InstallSoftwarePackage with too many arguments", () => call(installation, "InstallSoftwarePackage", [string(Uri), string("1.1.0"), noPatches, bytes(null), string("x")]), mismatch],
         ["InstallSoftwarePackage with a revision of 512 bytes and more", () => call(installation, "InstallSoftwarePackage", [string(Uri), string(letters(between(512, 4096))), noPatches, bytes(null)]), expect(["BadInvalidArgument"])],
         ["InstallSoftwarePackage with a NUL in the revision", () => call(installation, "InstallSoftwarePackage", [string(Uri), string("1.1\u00000"), noPatches, bytes(null)]), expect(["BadInvalidArgument"])],
+        ["InstallSoftwarePackage with a ManufacturerUri of 1 MiB", () => call(installation, "InstallSoftwarePackage", [string(letters(1 << 20)), string("1.1.0"), noPatches, bytes(null)]), expect(["BadInvalidArgument", "BadRequestTooLarge", "BadEncodingLimitsExceeded"])],
         ["Resume with an argument", () => call(installation, "Resume", [string("now")]), mismatch],
         ["GetUpdateBehavior with numbers", () => call(loading, "GetUpdateBehavior", [{ dataType: DataType.Double, value: 1.5 }, { dataType: DataType.Boolean, value: true }, noPatches]), mismatch],
         ["CloseAndCommit with a text handle", () => call(transfer, "0:CloseAndCommit", [string("1")]), mismatch],
