@@ -481,7 +481,7 @@ struct OpenArchive
             throw PackageException("The package has more than {0} entries.", MaxEntries);
         }
         const char* rawPath = archive_entry_pathname(entry);
-        const String path = NormalisePath(rawPath);
+        String path = NormalisePath(rawPath);
         const mode_t type = archive_entry_filetype(entry);
         if (path.empty())
         {
