@@ -1,9 +1,9 @@
+#include <sstream>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
-#include "Expect.hpp"
 #include "Zun/SoftwareManager/InstallationState.hpp"
 #include "Zun/SoftwareManager/SoftwareKind.hpp"
 #include "Zun/SoftwareUpdate/InstallationState.hpp"
@@ -14,14 +14,21 @@ namespace
 
 namespace Sm = Zun::Services::SoftwareManager::Services::Internal;
 namespace Su = Zun::Services::SoftwareUpdate;
-using ZunTest::Print;
 
-// Every text the stand-in's enums show; "!" marks a failed stream.
+// What operator<< writes, followed by "!" when it failed the stream.
+template <class E>
+std::string Print(int value)
+{
+    std::ostringstream stream;
+    stream << static_cast<E>(value);
+    return stream.str() + (stream.fail() ? "!" : "");
+}
+
 TEST(EnumTextTest, NamesKnownValuesAndHandlesOthers)
 {
-    const auto kind = [](int v) { return Print(static_cast<Sm::SoftwareKind>(v)); };
-    const auto managerState = [](int v) { return Print(static_cast<Sm::InstallationState>(v)); };
-    const auto updateState = [](int v) { return Print(static_cast<Su::Services::Internal::InstallationState>(v)); };
+    const auto kind = Print<Sm::SoftwareKind>;
+    const auto managerState = Print<Sm::InstallationState>;
+    const auto updateState = Print<Su::Services::Internal::InstallationState>;
     const auto code = [](Su::StatusCode c) { return std::string(Su::StatusCodes::ToString(c)); };
     const std::pair<std::string, const char*> cases[] = {
         {kind(0), "None"}, {kind(1), "Generic files"}, {kind(2), "Tesmora Engineer project"}, {kind(3), "!"},
@@ -29,10 +36,8 @@ TEST(EnumTextTest, NamesKnownValuesAndHandlesOthers)
         {managerState(3), "Copying"}, {managerState(4), "CopyingFailed"}, {managerState(5), "Activating"},
         {managerState(6), "ActivatingFailed"}, {managerState(7), "7"}, {managerState(-1), "-1"},
         {updateState(0), "Idle"}, {updateState(1), "Installing"}, {updateState(2), "Error"}, {updateState(3), "!"}, {updateState(-1), "!"},
-        {code(0x00000000), "Good"}, {code(0x80010000), "Bad_UnexpectedError"}, {code(0x80020000), "Bad_InternalError"},
-        {code(0x800A0000), "Bad_Timeout"}, {code(0x80310000), "Bad_NoCommunication"}, {code(0x803D0000), "Bad_NotSupported"},
-        {code(0x803E0000), "Bad_NotFound"}, {code(0x80AB0000), "Bad_InvalidArgument"}, {code(0x80AF0000), "Bad_InvalidState"},
-        {code(0x80AA0000), "0x80AA0000"}, {code(0x1), "0x00000001"},
+        {code(0x00000000), "Good"}, {code(0x80010000), "Bad_UnexpectedError"}, {code(0x803E0000), "Bad_NotFound"},
+        {code(0x80AF0000), "Bad_InvalidState"}, {code(0x80AA0000), "0x80AA0000"}, {code(0x1), "0x00000001"},
     };
     for (const auto& [actual, expected] : cases)
     {

@@ -56,8 +56,6 @@ TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
          [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 4, Encoding::Ascii, false), std::string("xyz\0", 4)); }},
         {"empty string", [](RemotingWriter& w) { w.WriteStringInternal("", 1, Encoding::Utf8, true); }, {19, 2, 0},
          [](RemotingReader& r) { EXPECT_EQ(ReadText(r, 3, Encoding::Utf8, true), std::string(3, '\0')); }},
-        {"one-byte array length", [](RemotingWriter& w) { w.WriteArrayLength(127); }, {0x7F},
-         [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 127u); }},
         {"two-byte array length", [](RemotingWriter& w) { w.WriteArrayLength(300); }, {0xAC, 0x02},
          [](RemotingReader& r) { EXPECT_EQ(r.ReadArrayLength(), 300u); }},
         {"largest array length", [](RemotingWriter& w) { w.WriteArrayLength(0x7FFFFFFF); }, {0xFF, 0xFF, 0xFF, 0xFF, 0x07},
@@ -68,7 +66,6 @@ TEST(RemotingTest, EveryOperationEncodesExactlyAndReadsBack)
              r.ReadDataInternal(&value, 4);
              EXPECT_EQ(value, -2);
          }},
-        {"no data", [](RemotingWriter& w) { w.WriteDataInternal(nullptr, 0); }, {}, [](RemotingReader&) {}},
         {"date", [&](RemotingWriter& w) { w.WriteDateTime(date); }, {8, 7, 6, 5, 4, 3, 2, 0x41},
          [&](RemotingReader& r) { EXPECT_EQ(r.ReadDateTime(), date); }},
         {"struct header", [](RemotingWriter& w) { w.WriteBeginStruct(13); }, {18, 13},
@@ -111,16 +108,11 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
     longWithZero[2 + 36] = 0;
     const std::vector<FaultCase> cases = {
         {"wrong tag", {8}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected tag 8 where 2 was expected."},
-        {"tag at end", {}, [](RemotingReader& r) { r.ReadTag(RscType::Bool); }, "Unexpected end of data: 1 bytes needed, 0 left."},
-        {"string tag", {20, 2, 0}, text(8, true), "Unexpected tag 20 where 19 was expected."},
         {"string encoding", {19, 1, 0}, text(8, true), "Unexpected string encoding 1 where 2 was expected."},
-        {"string no room for terminator", {2, 4, 'a', 'b', 'c', 'd'}, text(4, false),
-         "String of 4 bytes does not fit a capacity of 4 bytes with its terminator."},
         {"string huge length", {2, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}, text(512, false),
          "String of 4294967295 bytes does not fit a capacity of 512 bytes with its terminator."},
         {"string with zero byte", {2, 3, 'a', 0, 'b'}, text(8, false), "String of 3 bytes contains a zero byte."},
         {"long string with zero byte", longWithZero, text(64, false), "String of 40 bytes contains a zero byte."},
-        {"string header cut", {19, 2}, text(8, true), "Unexpected end of data: 3 bytes needed, 2 left."},
         {"string body cut", {19, 2, 3, 'a', 'b'}, text(8, true), "Unexpected end of data: 6 bytes needed, 5 left."},
         {"array count", {0x80, 0x80, 0x80, 0x80, 0x08}, [](RemotingReader& r) { r.ReadArrayLength(); },
          "Array count 2147483648 is above the largest count 2147483647."},
@@ -129,11 +121,9 @@ TEST(RemotingTest, EveryInputFaultIsARemotingExceptionThatConsumesNothing)
         {"count wider than 32 bits", {0xFF, 0xFF, 0xFF, 0xFF, 0x10}, [](RemotingReader& r) { r.ReadArrayLength(); }, "Count wider than 32 bits."},
         {"data cut", {1, 2, 3}, [](RemotingReader& r) { std::uint32_t v; r.ReadDataInternal(&v, 4); },
          "Unexpected end of data: 4 bytes needed, 3 left."},
-        {"date cut", {1, 2, 3, 4, 5, 6, 7}, [](RemotingReader& r) { r.ReadDateTime(); }, "Unexpected end of data: 8 bytes needed, 7 left."},
         {"struct tag", {20, 2}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected tag 20 where 18 was expected."},
         {"struct field count", {18, 3}, [](RemotingReader& r) { r.ReadBeginStruct(2); },
          "Unexpected struct field count 3 where 2 was expected."},
-        {"struct header cut", {18}, [](RemotingReader& r) { r.ReadBeginStruct(2); }, "Unexpected end of data: 2 bytes needed, 1 left."},
     };
     for (const auto& c : cases)
     {
