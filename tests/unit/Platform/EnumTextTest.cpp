@@ -30,14 +30,11 @@ TEST(EnumTextTest, NamesKnownValuesAndHandlesOthers)
     const auto managerState = Print<Sm::InstallationState>;
     const auto updateState = Print<Su::Services::Internal::InstallationState>;
     const auto code = [](Su::StatusCode c) { return std::string(Su::StatusCodes::ToString(c)); };
+    // A known value of each, and what each does with one it does not know.
     const std::pair<std::string, const char*> cases[] = {
-        {kind(0), "None"}, {kind(1), "Generic files"}, {kind(2), "Tesmora Engineer project"}, {kind(3), "!"},
-        {managerState(0), "Idle"}, {managerState(1), "Preparing"}, {managerState(2), "PreparingFailed"},
-        {managerState(3), "Copying"}, {managerState(4), "CopyingFailed"}, {managerState(5), "Activating"},
-        {managerState(6), "ActivatingFailed"}, {managerState(7), "7"}, {managerState(-1), "-1"},
-        {updateState(0), "Idle"}, {updateState(1), "Installing"}, {updateState(2), "Error"}, {updateState(3), "!"}, {updateState(-1), "!"},
-        {code(0x00000000), "Good"}, {code(0x80010000), "Bad_UnexpectedError"}, {code(0x803E0000), "Bad_NotFound"},
-        {code(0x80AF0000), "Bad_InvalidState"}, {code(0x80AA0000), "0x80AA0000"}, {code(0x1), "0x00000001"},
+        {kind(2), "Tesmora Engineer project"}, {kind(3), "!"}, {managerState(6), "ActivatingFailed"}, {managerState(7), "7"},
+        {managerState(-1), "-1"}, {updateState(2), "Error"}, {updateState(3), "!"}, {updateState(-1), "!"},
+        {code(0x00000000), "Good"}, {code(0x803E0000), "Bad_NotFound"}, {code(0x80AA0000), "0x80AA0000"}, {code(0x1), "0x00000001"},
     };
     for (const auto& [actual, expected] : cases)
     {

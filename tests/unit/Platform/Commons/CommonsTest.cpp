@@ -41,16 +41,7 @@ using ZunTest::MessageOf;
 
 bool TryLockElsewhere(Mutex& mutex)
 {
-    return std::async(std::launch::async,
-                      [&mutex] {
-                          const bool locked = mutex.TryLock();
-                          if (locked)
-                          {
-                              mutex.Unlock();
-                          }
-                          return locked;
-                      })
-        .get();
+    return std::async(std::launch::async, [&mutex] { return mutex.TryLock() && (mutex.Unlock(), true); }).get();
 }
 
 TEST(MutexTest, RecursiveNestsAndFreesOnTheLastUnlockOtherwiseReentryIsRefused)
