@@ -123,6 +123,7 @@ public:
     void OnStatusChanged(const String& name, const SoftwareUpdateStatus* status) override
     {
         store.GetComponentNames(); // calling back into the store must not deadlock
+        EXPECT_EQ(name, App);
         if (fail)
         {
             throw std::runtime_error("listener broke");
