@@ -23,7 +23,6 @@ const patience = 20000 * Math.max(1, Number(process.env.ZUN_TEST_TIME_SCALE) || 
 const Uri = "https://example.com/zun";
 const Files = "Generic files / Sample files";
 const Project = "Tesmora Engineer project / Sample project";
-const DiType = { DeviceType: 1002, SoftwareType: 15106, SoftwareUpdateType: 1, CachedLoadingType: 171, InstallationStateMachineType: 249, SoftwareVersionType: 212 };
 
 const work = fs.mkdtempSync(path.join(os.tmpdir(), "zun-opcua-test-"));
 const managerState = path.join(work, "manager");
@@ -181,19 +180,16 @@ after(async () => {
     fs.rmSync(work, { recursive: true, force: true });
 });
 
-test("the device and its components are instances of the DI types", { skip }, async () => {
+test("the device and a component are instances of the DI types", { skip }, async () => {
     const session = sessions.anonymous;
-    const typeOf = async (nodeId) => (await session.browse({ nodeId, referenceTypeId: "HasTypeDefinition", browseDirection: BrowseDirection.Forward })).references[0].nodeId;
-    const device = await child(session, `ns=${di};i=5001`, "Controller");
-    const supertype = (await session.browse({ nodeId: await typeOf(device), referenceTypeId: "HasSubtype", browseDirection: BrowseDirection.Inverse })).references[0];
-    assert.equal(supertype.nodeId.toString(), `ns=${di};i=${DiType.DeviceType}`);
-    for (const name of [Files, Project]) {
-        for (const [relativePath, type] of [["", "SoftwareType"], ["/SoftwareUpdate", "SoftwareUpdateType"], ["/SoftwareUpdate/Loading", "CachedLoadingType"],
-            ["/SoftwareUpdate/Installation", "InstallationStateMachineType"], ["/SoftwareUpdate/Loading/CurrentVersion", "SoftwareVersionType"], ["/SoftwareUpdate/Loading/PendingVersion", "SoftwareVersionType"]]) {
-            const nodeId = relativePath ? await nodeOf(session, await component(session, name), relativePath) : await component(session, name);
-            assert.equal((await typeOf(nodeId)).toString(), `ns=${di};i=${DiType[type]}`, `${name}${relativePath}`);
-        }
-        assert.equal((await typeOf(await nodeOf(session, await component(session, name), "/SoftwareUpdate/Loading/FileTransfer"))).toString(), "ns=0;i=15744");
+    const typeOf = async (nodeId, referenceTypeId = "HasTypeDefinition", browseDirection = BrowseDirection.Forward) =>
+        (await session.browse({ nodeId, referenceTypeId, browseDirection })).references[0].nodeId.toString();
+    assert.equal(await typeOf(await typeOf(await child(session, `ns=${di};i=5001`, "Controller")), "HasSubtype", BrowseDirection.Inverse), `ns=${di};i=1002`);
+    const files = await component(session, Files);
+    for (const [relativePath, type] of [["", 15106], ["/SoftwareUpdate", 1], ["/SoftwareUpdate/Loading", 171], ["/SoftwareUpdate/Installation", 249],
+        ["/SoftwareUpdate/Loading/CurrentVersion", 212], ["/SoftwareUpdate/Loading/PendingVersion", 212], ["/SoftwareUpdate/Loading/FileTransfer", "0:15744"]]) {
+        const expected = typeof type === "number" ? `ns=${di};i=${type}` : "ns=0;i=15744";
+        assert.equal(await typeOf(relativePath ? await nodeOf(session, files, relativePath) : files), expected, relativePath);
     }
 });
 
@@ -204,11 +200,9 @@ test("anyone reads; only ConfigureAdmin changes; refusals carry the module's or 
     const writeDelay = (session, value) => session.write({ nodeId: delay, attributeId: AttributeIds.Value, value: { value: { dataType: DataType.Double, value } } });
     const cases = [
         ["no pending package", () => readVersion(anonymous, Files, "PendingVersion"), StatusCodes.BadNotFound],
-        ["fallback version", () => readVersion(anonymous, Files, "FallbackVersion"), StatusCodes.BadNotFound],
         ["package read back", () => callOn(admin, Files, "/SoftwareUpdate/Loading/FileTransfer", "0:GenerateFileForRead", [{ dataType: DataType.Int32, value: 0 }]), StatusCodes.BadNotSupported],
         ["anonymous install", () => install(anonymous, Files, "1.1.0"), StatusCodes.BadUserAccessDenied],
         ["viewer install", () => install(viewer, Files, "1.1.0"), StatusCodes.BadUserAccessDenied],
-        ["viewer resume", () => callOn(viewer, Files, "/SoftwareUpdate/Installation", "Resume", []), StatusCodes.BadUserAccessDenied],
         ["viewer transfer", async () => ({ statusCode: (await transfer(viewer, Files, Buffer.from("x"))).written }), StatusCodes.BadUserAccessDenied],
         ["viewer delay", async () => ({ statusCode: await writeDelay(viewer, 0) }), StatusCodes.BadUserAccessDenied],
         ["negative delay", async () => ({ statusCode: await writeDelay(admin, -1) }), StatusCodes.BadOutOfRange],

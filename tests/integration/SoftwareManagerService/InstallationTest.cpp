@@ -1,5 +1,5 @@
 // The software manager process installing packages: phases, failures, kills at any phase with the
-// restart that follows, resume, staging refusals, and the first run on a missing state folder.
+// restart that follows, resume, and staging refusals.
 #include <cstring>
 #include <tuple>
 
@@ -130,78 +130,75 @@ TEST_F(InstallationTest, InstallationPassesThroughThePhasesAndSwitchesVersions)
     EXPECT_TRUE(Names(AlphaFolder() / "staged").empty());
 }
 
+// How an installation ends without switching: a fault injected in a phase, no activation, or the
+// manager killed in a phase (killAt) and started again.
 struct EndCase
 {
     const char* name;
     std::vector<std::string> options;
+    InstallationState killAt; // Idle: not killed
     InstallationState end;
-    const char* message;
+    std::string message;
 };
 
 class InstallationEndTest : public InstallationTest, public ::testing::WithParamInterface<EndCase>
 {
 };
 
-// An installation that fails in a phase, or ends without activating, keeps the old version whole
-// and the package pending; a failed one can be resumed.
+// The old version stays whole and the package pending; a failed installation is only resumed.
 TEST_P(InstallationEndTest, AnInstallationThatDoesNotSwitchKeepsTheOldVersion)
 {
-    InstallFirstAndStageSecond(GetParam().options);
+    const EndCase& c = GetParam();
+    InstallFirstAndStageSecond(c.options);
     ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
+    if (c.killAt != InstallationState::Idle)
+    {
+        ASSERT_TRUE(WaitFor([&](InstallationState s) { return s == c.killAt; }));
+        manager.Kill(SIGKILL);
+        // Whatever the moment, one version is in place whole; only activation may already have switched.
+        const std::string onDisk = ReadText(AlphaFolder() / "current" / "version.txt");
+        EXPECT_TRUE(onDisk == "1.0.0" || (c.killAt == InstallationState::Activating && onDisk == "2.0.0")) << onDisk;
+        EXPECT_EQ(std::vector<std::string>({"bin", "version.txt"}), Names(AlphaFolder() / "current"));
+        StartService();
+        EXPECT_FALSE(fs::exists(AlphaFolder() / "current.tmp"));
+    }
     ASSERT_TRUE(WaitFor([](InstallationState s) { return !IsInProgress(s); }));
-    EXPECT_EQ(GetParam().end, state);
-    EXPECT_EQ(GetParam().message, message.ToString());
+    EXPECT_EQ(c.end, state);
+    EXPECT_EQ(c.message, message.ToString());
     ExpectInstalled("1.0.0");
     EXPECT_EQ("2.0.0", Information().PendingManifest.Version.ToString());
-    if (GetParam().end != InstallationState::Idle)
+    EXPECT_EQ(1u, Names(AlphaFolder() / "staged").size());
+    if (c.end != InstallationState::Idle)
     {
         EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
         ResumeInAPlainRun();
     }
 }
 
+std::vector<std::string> Slow()
+{
+    return {"--phase-delay-ms", ScaledOption(1000)};
+}
+
+std::string Interrupted(const char* phase)
+{
+    return std::string("Installation was interrupted while ") + phase + ": the service stopped before it ended. Resume to retry.";
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Ends, InstallationEndTest,
     ::testing::Values(
-        EndCase{"Prepare", {"--fail-phase", "prepare"}, InstallationState::PreparingFailed, "Installation failed while preparing: failure injected for testing."},
-        EndCase{"Copy", {"--fail-phase", "copy"}, InstallationState::CopyingFailed, "Installation failed while copying: failure injected for testing."},
-        EndCase{"Activate", {"--fail-phase", "activate"}, InstallationState::ActivatingFailed,
+        EndCase{"FailPrepare", {"--fail-phase", "prepare"}, InstallationState::Idle, InstallationState::PreparingFailed,
+                "Installation failed while preparing: failure injected for testing."},
+        EndCase{"FailCopy", {"--fail-phase", "copy"}, InstallationState::Idle, InstallationState::CopyingFailed,
+                "Installation failed while copying: failure injected for testing."},
+        EndCase{"FailActivate", {"--fail-phase", "activate"}, InstallationState::Idle, InstallationState::ActivatingFailed,
                 "Installation failed while activating: failure injected for testing."},
-        EndCase{"KeepVersion", {"--keep-version"}, InstallationState::Idle, "Installation of version 2.0.0 ended without activating it."}),
+        EndCase{"KeepVersion", {"--keep-version"}, InstallationState::Idle, InstallationState::Idle, "Installation of version 2.0.0 ended without activating it."},
+        EndCase{"KillPreparing", Slow(), InstallationState::Preparing, InstallationState::CopyingFailed, Interrupted("preparing")},
+        EndCase{"KillCopying", Slow(), InstallationState::Copying, InstallationState::CopyingFailed, Interrupted("copying")},
+        EndCase{"KillActivating", Slow(), InstallationState::Activating, InstallationState::CopyingFailed, Interrupted("activating")}),
     [](const auto& info) { return std::string(info.param.name); });
-
-class KillTest : public InstallationTest, public ::testing::WithParamInterface<std::pair<InstallationState, const char*>>
-{
-};
-
-TEST_P(KillTest, AKilledInstallationIsReportedInterruptedCleanedAndResumable)
-{
-    const auto [phase, words] = GetParam();
-    InstallFirstAndStageSecond({"--phase-delay-ms", ScaledOption(1000)});
-    ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
-    ASSERT_TRUE(WaitFor([phase = phase](InstallationState s) { return s == phase; }));
-    manager.Kill(SIGKILL);
-    // Whatever the moment, one version is in place whole; only activation may already have switched.
-    const std::string onDisk = ReadText(AlphaFolder() / "current" / "version.txt");
-    EXPECT_TRUE(onDisk == "1.0.0" || (phase == InstallationState::Activating && onDisk == "2.0.0")) << onDisk;
-    EXPECT_EQ(std::vector<std::string>({"bin", "version.txt"}), Names(AlphaFolder() / "current"));
-
-    StartService();
-    ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
-    EXPECT_EQ(InstallationState::CopyingFailed, state);
-    EXPECT_EQ(std::string("Installation was interrupted while ") + words + ": the service stopped before it ended. Resume to retry.",
-              message.ToString());
-    ExpectInstalled("1.0.0");
-    EXPECT_EQ(1u, Names(AlphaFolder() / "staged").size()) << "the pending package stays for the retry";
-    EXPECT_FALSE(fs::exists(AlphaFolder() / "current.tmp"));
-    ResumeInAPlainRun();
-}
-
-INSTANTIATE_TEST_SUITE_P(Phases, KillTest,
-                         ::testing::Values(std::make_pair(InstallationState::Preparing, "preparing"),
-                                           std::make_pair(InstallationState::Copying, "copying"),
-                                           std::make_pair(InstallationState::Activating, "activating")),
-                         [](const auto& info) { return std::string(info.param.second); });
 
 TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
 {
@@ -276,16 +273,6 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         EXPECT_EQ(stateBefore, ReadText(AlphaFolder() / "state.json"));
     }
     EXPECT_FALSE(fs::exists(temp / "escape.txt"));
-}
-
-TEST(FirstRunTest, AMissingStateFolderIsCreatedPrivateWithItsSocket)
-{
-    // The samples it makes are what the update service tests work on.
-    TemporaryFolder temp;
-    ManagerProcess manager(temp / "fresh", temp / "sm.sock", temp / "service.log");
-    ASSERT_TRUE(manager.Start()) << manager.Log();
-    EXPECT_EQ(fs::perms::owner_all, fs::status(temp / "fresh").permissions());
-    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::symlink_status(temp / "sm.sock").permissions() & fs::perms::all);
 }
 
 } // namespace

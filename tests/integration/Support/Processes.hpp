@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -62,15 +61,15 @@ template <class Condition>
 bool Eventually(Condition done)
 {
     const auto deadline = std::chrono::steady_clock::now() + Zun::Testing::Patience();
-    while (std::chrono::steady_clock::now() < deadline)
+    while (!done())
     {
-        if (done())
+        if (std::chrono::steady_clock::now() >= deadline)
         {
-            return true;
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return done();
+    return true;
 }
 
 // Checks that `action` throws `Exception` with exactly `message`.
@@ -194,6 +193,30 @@ inline std::string ScaledOption(std::uint32_t baseMilliseconds)
     return std::to_string(ScaledMilliseconds(baseMilliseconds));
 }
 
+// Starts `arguments` and waits until it accepts connections on `socket`; null (and a failure) when it ends first.
+inline std::unique_ptr<Child> StartServer(const std::vector<std::string>& arguments, const fs::path& socket, const fs::path& log, int user = -1)
+{
+    auto child = std::make_unique<Child>(arguments, log, log, user);
+    namespace T = Manager::Transport;
+    const bool up = Eventually([&] {
+        T::SocketChannel channel;
+        return child->HasEnded() ||
+               T::SocketChannel::Connect(socket.string(), T::Clock::now() + Zun::Testing::Scaled(std::chrono::milliseconds(100)), channel) == T::IoResult::Ok;
+    }) && !child->HasEnded();
+    EXPECT_TRUE(up) << ReadText(log);
+    return up ? std::move(child) : nullptr;
+}
+
+// zun-update-service on `folder`/service with its socket `socket`, talking to the manager at `managerSocket`.
+inline std::unique_ptr<Child> StartUpdateService(const fs::path& folder, const fs::path& socket, const fs::path& managerSocket,
+                                                 const std::vector<std::string>& extra = {})
+{
+    std::vector<std::string> arguments{BinaryPath("zun-update-service"), "--state-dir", (folder / "service").string(), "--socket",
+                                       socket.string(), "--manager-socket", managerSocket.string()};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return StartServer(arguments, socket, folder / "service.log");
+}
+
 // The default time-out is one that a healthy service never reaches.
 inline std::unique_ptr<Manager::ISoftwareManagerService> MakeProxy(const fs::path& socket, std::uint32_t timeoutMilliseconds = ScaledMilliseconds(5000))
 {
@@ -219,13 +242,8 @@ public:
     {
         std::vector<std::string> arguments{BinaryPath("zun-software-manager"), "--state-dir", state.string(), "--socket", socket.string(), "--log-level", "6"};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
-        child = std::make_unique<Child>(arguments, log, log, user);
-        return Eventually([&] {
-            Manager::Transport::SocketChannel channel;
-            return child->HasEnded() ||
-                   Manager::Transport::SocketChannel::Connect(socket.string(), Manager::Transport::Clock::now() + Zun::Testing::Scaled(std::chrono::milliseconds(100)),
-                                                              channel) == Manager::Transport::IoResult::Ok;
-        }) && !child->HasEnded();
+        child = StartServer(arguments, socket, log, user);
+        return child != nullptr;
     }
     // Ends the process with `signal`; its exit code, or 128 + the signal.
     int Kill(int signal) { return child ? child->Kill(signal) : -1; }
@@ -273,7 +291,7 @@ class ManagerFixture : public ::testing::Test
 protected:
     void SetUp() override
     {
-        fs::create_directories(state / "components" / "generic-files" / "Alpha");
+        fs::create_directories(AlphaFolder());
         fs::create_directories(state / "components" / "engineer-projects" / "Beta");
         fs::create_directories(Incoming());
         fs::create_directories(Keyring());
