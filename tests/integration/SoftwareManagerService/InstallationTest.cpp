@@ -130,8 +130,8 @@ TEST_F(InstallationTest, InstallationPassesThroughThePhasesAndSwitchesVersions)
     EXPECT_TRUE(Names(AlphaFolder() / "staged").empty());
 }
 
-// How an installation ends without switching: a fault injected in a phase, no activation, or the
-// manager killed in a phase (killAt) and started again.
+// How an installation ends without switching: a fault injected in a phase, no activation, a staged
+// payload changed on disk, or the manager killed in a phase (killAt) and started again.
 struct EndCase
 {
     const char* name;
@@ -139,6 +139,7 @@ struct EndCase
     InstallationState killAt; // Idle: not killed
     InstallationState end;
     std::string message;
+    bool damage = false; // a staged file is changed before the start, so a resume fails again
 };
 
 class InstallationEndTest : public InstallationTest, public ::testing::WithParamInterface<EndCase>
@@ -150,6 +151,10 @@ TEST_P(InstallationEndTest, AnInstallationThatDoesNotSwitchKeepsTheOldVersion)
 {
     const EndCase& c = GetParam();
     InstallFirstAndStageSecond(c.options);
+    if (c.damage)
+    {
+        std::ofstream(AlphaFolder() / "staged" / Names(AlphaFolder() / "staged").at(0) / "payload" / "version.txt") << "6.6.6";
+    }
     ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
     if (c.killAt != InstallationState::Idle)
     {
@@ -171,7 +176,10 @@ TEST_P(InstallationEndTest, AnInstallationThatDoesNotSwitchKeepsTheOldVersion)
     if (c.end != InstallationState::Idle)
     {
         EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
-        ResumeInAPlainRun();
+        if (!c.damage)
+        {
+            ResumeInAPlainRun();
+        }
     }
 }
 
@@ -194,6 +202,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "Installation failed while copying: failure injected for testing."},
         EndCase{"FailActivate", {"--fail-phase", "activate"}, InstallationState::Idle, InstallationState::ActivatingFailed,
                 "Installation failed while activating: failure injected for testing."},
+        EndCase{"Damaged", {}, InstallationState::Idle, InstallationState::PreparingFailed,
+                "Installation failed while preparing: the staged payload of version 2.0.0 is damaged.", true},
         EndCase{"KeepVersion", {"--keep-version"}, InstallationState::Idle, InstallationState::Idle, "Installation of version 2.0.0 ended without activating it."},
         EndCase{"KillPreparing", Slow(), InstallationState::Preparing, InstallationState::CopyingFailed, Interrupted("preparing")},
         EndCase{"KillCopying", Slow(), InstallationState::Copying, InstallationState::CopyingFailed, Interrupted("copying")},
