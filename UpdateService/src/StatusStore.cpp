@@ -74,6 +74,26 @@ IStatusStoreListener::~IStatusStoreListener() = default;
 
 void IStatusStoreListener::OnNotificationAppended(const StoredNotification&) {}
 
+// The module calls the store from operations that must not throw: a failed read or write (disk full,
+// I/O error) is logged and the record stays as it was; the module's next synchronisation writes it again.
+template <class Result, class Function>
+Result Unfailing(const char* operation, const String& name, Result fallback, Function function) noexcept
+{
+    try
+    {
+        return function();
+    }
+    catch (const std::exception& e)
+    {
+        Log::log.Log(3, "Status store: {0}({1}) failed; the record stays as it was: {2}", operation, name, e.what());
+    }
+    catch (...)
+    {
+        Log::log.Log(3, "Status store: {0}({1}) failed; the record stays as it was", operation, name);
+    }
+    return fallback;
+}
+
 class StatusStore::Statement
 {
 public:
@@ -266,34 +286,36 @@ bool StatusStore::IsRegistered(const String& name)
 template <class Function>
 bool StatusStore::Modify(const String& name, Function change)
 {
-    Change published;
-    bool accepted = false;
-    bool changed = false;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Transaction transaction(*this);
-        SoftwareUpdateStatus status;
-        if (!ReadStatus(name, status))
+    return Unfailing<bool>("Modify", name, false, [&]() -> bool {
+        Change published;
+        bool accepted = false;
+        bool changed = false;
         {
-            Log::log.Log(5, "Component '{0}' is not registered; request ignored.", name);
-            return false;
+            std::lock_guard<std::mutex> lock(mutex);
+            Transaction transaction(*this);
+            SoftwareUpdateStatus status;
+            if (!ReadStatus(name, status))
+            {
+                Log::log.Log(5, "Component '{0}' is not registered; request ignored.", name);
+                return false;
+            }
+            const SoftwareUpdateStatus before = status;
+            accepted = change(status);
+            changed = accepted && !SameRecord(before, status);
+            if (changed)
+            {
+                WriteStatus(name, status);
+            }
+            transaction.Commit();
+            published.name = name;
+            published.status = status;
         }
-        const SoftwareUpdateStatus before = status;
-        accepted = change(status);
-        changed = accepted && !SameRecord(before, status);
         if (changed)
         {
-            WriteStatus(name, status);
+            Publish(published);
         }
-        transaction.Commit();
-        published.name = name;
-        published.status = status;
-    }
-    if (changed)
-    {
-        Publish(published);
-    }
-    return accepted;
+        return accepted;
+    });
 }
 
 void StatusStore::Publish(const Change& change)
@@ -323,25 +345,29 @@ void StatusStore::Publish(const Change& change)
 
 std::vector<String> StatusStore::GetComponentNames()
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    Statement query(*this, "SELECT name FROM components ORDER BY position");
-    std::vector<String> names;
-    while (query.Step())
-    {
-        names.push_back(query.Text(0));
-    }
-    transaction.Commit();
-    return names;
+    return Unfailing<std::vector<String>>("GetComponentNames", String(), std::vector<String>(), [&]() -> std::vector<String> {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        Statement query(*this, "SELECT name FROM components ORDER BY position");
+        std::vector<String> names;
+        while (query.Step())
+        {
+            names.push_back(query.Text(0));
+        }
+        transaction.Commit();
+        return names;
+    });
 }
 
 bool StatusStore::GetStatus(const String& name, SoftwareUpdateStatus& status)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    const bool found = ReadStatus(name, status);
-    transaction.Commit();
-    return found;
+    return Unfailing<bool>("GetStatus", name, false, [&]() -> bool {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        const bool found = ReadStatus(name, status);
+        transaction.Commit();
+        return found;
+    });
 }
 
 void StatusStore::SetUpdateStatus(const String& name, const String& text, bool /*idle*/)
@@ -412,92 +438,106 @@ bool StatusStore::ResetError(const String& name)
 
 void StatusStore::SetProperty(const String& name, const String& key, const String& value, bool persistent)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    if (!IsRegistered(name))
-    {
-        Log::log.Log(5, "Component '{0}' is not registered; property {1} not set.", name, key);
-        return;
-    }
-    Statement upsert(*this, "INSERT INTO properties(component, key, value, persistent) VALUES(?1, ?2, ?3, ?4) "
-                            "ON CONFLICT(component, key) DO UPDATE SET value = excluded.value, persistent = excluded.persistent");
-    upsert.Bind(1, name).Bind(2, key).Bind(3, value).Bind(4, std::int64_t{persistent ? 1 : 0});
-    upsert.Step();
-    transaction.Commit();
+    Unfailing("SetProperty", name, false, [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        if (!IsRegistered(name))
+        {
+            Log::log.Log(5, "Component '{0}' is not registered; property {1} not set.", name, key);
+            return false;
+        }
+        Statement upsert(*this, "INSERT INTO properties(component, key, value, persistent) VALUES(?1, ?2, ?3, ?4) "
+                                "ON CONFLICT(component, key) DO UPDATE SET value = excluded.value, persistent = excluded.persistent");
+        upsert.Bind(1, name).Bind(2, key).Bind(3, value).Bind(4, std::int64_t{persistent ? 1 : 0});
+        upsert.Step();
+        transaction.Commit();
+        return true;
+    });
 }
 
 void StatusStore::RemoveProperty(const String& name, const String& key)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    Statement remove(*this, "DELETE FROM properties WHERE component = ?1 AND key = ?2");
-    remove.Bind(1, name).Bind(2, key);
-    remove.Step();
-    transaction.Commit();
+    Unfailing("RemoveProperty", name, false, [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        Statement remove(*this, "DELETE FROM properties WHERE component = ?1 AND key = ?2");
+        remove.Bind(1, name).Bind(2, key);
+        remove.Step();
+        transaction.Commit();
+        return true;
+    });
 }
 
 bool StatusStore::GetProperty(const String& name, const String& key, String& value)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Transaction transaction(*this);
-    bool found = false;
-    {
-        Statement query(*this, "SELECT value FROM properties WHERE component = ?1 AND key = ?2");
-        query.Bind(1, name).Bind(2, key);
-        found = query.Step();
-        if (found)
+    return Unfailing<bool>("GetProperty", name, false, [&]() -> bool {
+        std::lock_guard<std::mutex> lock(mutex);
+        Transaction transaction(*this);
+        bool found = false;
         {
-            value = query.Text(0);
+            Statement query(*this, "SELECT value FROM properties WHERE component = ?1 AND key = ?2");
+            query.Bind(1, name).Bind(2, key);
+            found = query.Step();
+            if (found)
+            {
+                value = query.Text(0);
+            }
         }
-    }
-    transaction.Commit();
-    return found;
+        transaction.Commit();
+        return found;
+    });
 }
 
 void StatusStore::AddComponent(const String& name)
 {
-    Change published;
-    bool added = false;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Transaction transaction(*this);
-        Statement insert(*this, "INSERT INTO components(name) VALUES(?1) ON CONFLICT(name) DO NOTHING");
-        insert.Bind(1, name);
-        insert.Step();
-        added = sqlite3_changes(database) > 0;
-        transaction.Commit();
-        published.name = name;
-    }
-    if (added)
-    {
-        Log::log.Log(7, "AddComponent({0})", name);
-        Publish(published);
-    }
+    Unfailing("AddComponent", name, false, [&] {
+        Change published;
+        bool added = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            Transaction transaction(*this);
+            Statement insert(*this, "INSERT INTO components(name) VALUES(?1) ON CONFLICT(name) DO NOTHING");
+            insert.Bind(1, name);
+            insert.Step();
+            added = sqlite3_changes(database) > 0;
+            transaction.Commit();
+            published.name = name;
+        }
+        if (added)
+        {
+            Log::log.Log(7, "AddComponent({0})", name);
+            Publish(published);
+        }
+        return true;
+    });
 }
 
 void StatusStore::RemoveComponent(const String& name)
 {
-    Change published;
-    bool removed = false;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Transaction transaction(*this);
-        Statement remove(*this, "DELETE FROM components WHERE name = ?1");
-        remove.Bind(1, name);
-        remove.Step();
-        removed = sqlite3_changes(database) > 0;
-        Statement properties(*this, "DELETE FROM properties WHERE component = ?1");
-        properties.Bind(1, name);
-        properties.Step();
-        transaction.Commit();
-        published.name = name;
-        published.removed = true;
-    }
-    if (removed)
-    {
-        Log::log.Log(7, "RemoveComponent({0})", name);
-        Publish(published);
-    }
+    Unfailing("RemoveComponent", name, false, [&] {
+        Change published;
+        bool removed = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            Transaction transaction(*this);
+            Statement remove(*this, "DELETE FROM components WHERE name = ?1");
+            remove.Bind(1, name);
+            remove.Step();
+            removed = sqlite3_changes(database) > 0;
+            Statement properties(*this, "DELETE FROM properties WHERE component = ?1");
+            properties.Bind(1, name);
+            properties.Step();
+            transaction.Commit();
+            published.name = name;
+            published.removed = true;
+        }
+        if (removed)
+        {
+            Log::log.Log(7, "RemoveComponent({0})", name);
+            Publish(published);
+        }
+        return true;
+    });
 }
 
 std::vector<ComponentStatus> StatusStore::GetAllStatus()

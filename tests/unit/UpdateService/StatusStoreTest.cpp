@@ -3,7 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -21,7 +24,9 @@ namespace Zun::Services::SoftwareUpdate::UpdateService
 namespace
 {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using State = UpdateInstallationState;
 
 const String App = "Generic files / app.tar";
@@ -163,6 +168,44 @@ TEST_F(StatusStoreTest, TellsListenersAboutEveryChangedRecordOnly)
     store->RemoveListener(listener);
     store->RemoveComponent(App);
     EXPECT_EQ(listener->events.size(), 5u);
+}
+
+// A full disk (here: no file may grow) must not end the process: the module calls the store from
+// non-throwing operations. The writes that failed changed nothing; once there is room they succeed.
+TEST_F(StatusStoreTest, AFailingWriteIsLoggedAndChangesNothing)
+{
+    store->AddComponent(App);
+    store->SetUpdateStatus(App, "before", true);
+    Testing::LogCapture log(3);
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit full = saved;
+    full.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    bool threw = false;
+    bool switched = true;
+    for (int i = 0; i < 50; ++i)
+    {
+        try
+        {
+            store->SetUpdateStatus(App, String(400, static_cast<char>('a' + i % 26)), false);
+            store->SetProperty(App, "key", String(400, 'k'), true);
+            switched = switched && store->SwitchToInstalling(App, false);
+            store->FinishInstallation(App, false);
+        }
+        catch (...)
+        {
+            threw = true;
+        }
+    }
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previousHandler);
+    EXPECT_FALSE(threw);
+    EXPECT_FALSE(switched);
+    EXPECT_THAT(log.Messages(3), Contains(HasSubstr("failed; the record stays as it was")));
+    store->SetUpdateStatus(App, "after", true);
+    EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), "after");
 }
 
 TEST_F(StatusStoreTest, StoresOnOneFileSeeEachOtherAndExactlyOneOfConcurrentSwitchesWins)

@@ -60,6 +60,8 @@ public:
 // Installing (SwitchToInstalling), Installing -> Idle or Error (FinishInstallation), Error -> Idle
 // (ResetError); any other switch is refused and changes nothing. Every operation is one
 // transaction; all operations may be called from any thread, and several processes may share a file.
+// The status callback's operations never throw (the module calls them from non-throwing code): a
+// failure such as a full disk is logged and changes nothing, as for a component not registered.
 class ZUN_EXPORT StatusStore : public IUpdaterStatus
 {
 public:
