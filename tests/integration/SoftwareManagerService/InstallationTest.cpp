@@ -110,6 +110,7 @@ TEST_F(InstallationTest, InstallationPassesThroughThePhasesAndSwitchesVersions)
 {
     InstallFirstAndStageSecond({"--phase-delay-ms", ScaledOption(150)});
     ExpectInstalled("1.0.0");
+    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha)) << "a pending package, but nothing failed";
     ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
     EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
     EXPECT_EQ(StatusCodes::BadInvalidState, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("alpha-1.tar"), message));
