@@ -67,9 +67,17 @@ start_manager() {
   until_true alive_socket "$msock" "$manager_pid" || { echo "soak.sh: the manager did not start" >&2; tail "$work/manager.log" >&2; exit 2; }
 }
 start_service() {
-  "$bin/zun-update-service" --state-dir "$udir" --socket "$usock" --manager-socket "$msock" 2>>"$work/service.log" &
-  service_pid=$!
-  until_true alive_socket "$usock" "$service_pid" || { echo "soak.sh: the update service did not start" >&2; tail "$work/service.log" >&2; exit 2; }
+  local try
+  # The manager's socket file appears at bind, a moment before it listens; the service, which ends
+  # when it cannot reach the manager at start, is then started again.
+  for try in 1 2 3 4 5; do
+    "$bin/zun-update-service" --state-dir "$udir" --socket "$usock" --manager-socket "$msock" 2>>"$work/service.log" &
+    service_pid=$!
+    until_true alive_socket "$usock" "$service_pid" && return 0
+    count "update service started again (manager not yet listening)"
+    sleep 0.05
+  done
+  echo "soak.sh: the update service did not start" >&2; tail "$work/service.log" >&2; exit 2
 }
 kill9() { local pid=$1 socket=$2; kill -9 "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -f "$socket"; }
 stop() { kill -TERM "$1" 2>/dev/null; wait "$1" 2>/dev/null; }
