@@ -547,7 +547,8 @@ async function cliCases() {
         child.stdout.on("data", (data) => { output += data; });
         child.stderr.on("data", (data) => { output += data; });
         const timer = setTimeout(() => child.kill("SIGKILL"), patience);
-        child.on("exit", (code, signal) => { clearTimeout(timer); resolve({ code, signal, output }); });
+        // "close", not "exit": the last output may still be on its way when the process has exited.
+        child.on("close", (code, signal) => { clearTimeout(timer); resolve({ code, signal, output }); });
     });
     const long = letters(between(512, 4096));
     const bytes = illFormed().map((byte) => byte.toString(8)).reduce((all, octal) => `${all}\\${octal}`, "");
