@@ -272,6 +272,16 @@ run_disk() {
   echo "  staging on a full disk: $out"
   grep -qi "space\|ResourceUnavailable" <<<"$out" || violation "staging on a full disk gave no clear reason: $out"
   check_component "$name" 1.0.0 4.0.0
+  # Room for the upload (moved into the manager's package folder), not for the staged payload:
+  # the manager's refusal reaches the client.
+  rm -f "$mount/filler"
+  free=$(( $(stat -f -c '%a*%S' "$mount") ))
+  head -c $(( free - $(stat -c %s "$package") - 200 * 1024 )) /dev/zero >"$mount/filler" 2>/dev/null
+  out=$("$bin/zun-update" stage "$name" "$package" 2>&1) && violation "staging without room for the payload succeeded: $out"
+  count "disk: staging refused by the manager"
+  echo "  staging without room for the payload: $out"
+  grep -q "could not be staged: not enough disk space" <<<"$out" || violation "the manager's refusal on a full disk is not clear: $out"
+  check_component "$name" 1.0.0 4.0.0
   # Installing on a full disk: staged with room, then the disk filled before the copy.
   rm -f "$mount/filler"
   out=$("$bin/zun-update" stage "$name" "$package" 2>&1) || violation "staging with room failed: $out"
