@@ -100,10 +100,34 @@ armhf_services() {
   [ -e /proc/sys/fs/binfmt_misc/qemu-arm ] || { echo "no binfmt_misc entry for qemu-arm"; return 1; }
 }
 
+# SQLite for armhf where it does not install beside the native one (its libc-dev:armhf pulls in armhf
+# packages of other versions than the native ones): the native version's .deb, fetched by apt and
+# unpacked into the build folder. Its static library builds the status store and its tests alone.
+armhf_sqlite() {
+  local version dir out
+  version=$(dpkg-query -W -f='${Version}' libsqlite3-dev 2>/dev/null) || { echo "no native libsqlite3-dev"; return 1; }
+  dir=$PWD/build/armhf-deps/sqlite-$version
+  if [ ! -f "$dir/usr/include/sqlite3.h" ]; then
+    rm -rf "$dir" && mkdir -p "$dir" || return 1
+    out=$(cd "$dir" && apt-get download -q "libsqlite3-dev:armhf=$version" 2>&1) &&
+      dpkg-deb -x "$dir"/libsqlite3-dev_*_armhf.deb "$dir" ||
+      { echo "apt-get download libsqlite3-dev:armhf=$version: $(tail -1 <<<"$out")"; return 1; }
+  fi
+  echo "-DSQLite3_INCLUDE_DIR=$dir/usr/include -DSQLite3_LIBRARY=$dir/usr/lib/arm-linux-gnueabihf/libsqlite3.a"
+}
+
 armhf() {
-  local services=OFF reason
-  if reason=$(armhf_services); then services=ON; else echo "armhf: services not built ($reason)"; fi
-  preset armhf -DZUN_BUILD_SERVICES=$services &&
+  local services=OFF reason store=(-DZUN_BUILD_STATUS_STORE=OFF) sqlite
+  if reason=$(armhf_services); then services=ON; else
+    echo "armhf: services not built ($reason)"
+    if sqlite=$(armhf_sqlite); then
+      read -r -a store <<<"-DZUN_BUILD_STATUS_STORE=ON $sqlite"
+      echo "armhf: the status store is built and tested alone, with SQLite from libsqlite3-dev:armhf's .deb"
+    else
+      echo "armhf: the status store is not built either ($sqlite)"
+    fi
+  fi
+  preset armhf -DZUN_BUILD_SERVICES=$services "${store[@]}" &&
     echo "armhf: $(file -b build/armhf/lib/libZun.Services.Modules.SoftwareUpdate.SoftwareUpdater.so | cut -d, -f1-3)"
 }
 
