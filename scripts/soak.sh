@@ -15,7 +15,8 @@
 #          a watchdog; watchers' event numbers consecutive; the final state agrees with the manager.
 #   disk:  spool and state folders on a small tmpfs that is filled: staging fails clearly, nothing
 #          half-written remains.
-# The last line is "soak: N cycles, M violations"; the exit status is 1 when M > 0.
+# The last line is "soak: N cycles, M violations"; the exit status is 1 when M > 0. The waits' bounds
+# grow with ZUN_TEST_TIME_SCALE (environment, default 1) for the services of sanitizer builds.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cycles=1000 seed=1 part=all build=${ZUN_BUILD_DIR:-$root/build/default} load_requests=10000
@@ -56,8 +57,9 @@ cleanup() {
 trap cleanup EXIT
 count() { counts[$1]=$(( ${counts[$1]:-0} + 1 )); }
 violation() { violations=$((violations + 1)); echo "VIOLATION (cycle $cycle, seed $seed): $*"; }
-# Polls a condition every 5 ms, at most about 20 s: a slow machine only makes it poll longer.
-until_true() { local i; for i in $(seq 4000); do "$@" && return 0; sleep 0.005; done; return 1; }
+scale=$(( ${ZUN_TEST_TIME_SCALE:-1} ))
+# Polls a condition every 5 ms, at most about 20 s (times the scale): a slow machine only makes it poll longer.
+until_true() { local i; for i in $(seq $((4000 * scale))); do "$@" && return 0; sleep 0.005; done; return 1; }
 alive_socket() { [ -S "$1" ] && kill -0 "$2" 2>/dev/null; }
 
 start_manager() {
@@ -229,7 +231,7 @@ run_load() {
     specs+=("$name=$package:$revision")
   done
   # The watchdog: a deadlock shows as a load that does not end.
-  watchdog=$(( load_requests / 10 + 120 ))
+  watchdog=$(( (load_requests / 10 + 120) * scale ))
   echo "soak: load, $clients clients x $load_requests requests, watchdog ${watchdog} s"
   timeout "$watchdog" node "$root/scripts/soak-client.js" load "$usock" "$clients" "$load_requests" "$seed" "${specs[@]}" >"$work/load.out" 2>&1
   status=$?

@@ -3,7 +3,9 @@
 # every configuration and runs the static analysis.
 #   bash scripts/test.sh            default, asan, tsan and armhf (under qemu) builds with their
 #                                   tests (fuzz corpus replay included; the default build also runs
-#                                   scripts/bad-input.sh), the Debian package, then clang-tidy
+#                                   scripts/bad-input.sh and short soak rounds of kills and a full
+#                                   disk, the tsan build the soak's load), the Debian package, then
+#                                   clang-tidy
 #   bash scripts/test.sh --quick    the default build and its tests only
 #   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default package asan tsan armhf tidy
 # deps also installs the OPC UA server's npm packages (npm ci), whose end-to-end tests run in ctest.
@@ -73,7 +75,11 @@ default() {
   [ -f bench/CMakeLists.txt ] && extra+=(-DZUN_BUILD_BENCHMARKS=ON)
   preset default "${extra[@]}" &&
     # Bad input at every boundary of the running services, with a fixed seed so that CI's cases repeat.
-    bash scripts/bad-input.sh --seed 20261125 --build-dir build/default
+    bash scripts/bad-input.sh --seed 20261125 --build-dir build/default &&
+    # Short fixed-seed soak rounds: kill -9 cycles (a seed whose 36 cycles hold every kind of fault and
+    # victim), then a full disk (skipped where a tmpfs cannot be mounted).
+    bash scripts/soak.sh --part kills --cycles 36 --seed 20261142 --build-dir build/default &&
+    bash scripts/soak.sh --part disk --build-dir build/default
 }
 
 # The Debian package of the default build, checked file by file and run from its unpacked tree.
@@ -88,7 +94,25 @@ package() {
 }
 
 asan() { preset asan; }
-tsan() { preset tsan; }
+tsan() { preset tsan && soak_load; }
+
+# The soak's load against the ThreadSanitizer build's services; a report of any of its processes
+# fails the round, with the reports shown.
+soak_load() {
+  local reports=$PWD/build/tsan/soak-reports status
+  rm -rf "$reports" && mkdir -p "$reports" || return 1
+  TSAN_OPTIONS="second_deadlock_stack=1:exitcode=66:log_path=$reports/tsan" \
+    ZUN_TEST_TIME_SCALE=$(sed -n 's/^ZUN_TEST_TIME_SCALE:STRING=//p' build/tsan/CMakeCache.txt) \
+    bash scripts/soak.sh --part load --load-requests 300 --seed 20261125 --build-dir build/tsan
+  status=$?
+  if compgen -G "$reports/tsan.*" >/dev/null; then
+    cat "$reports"/tsan.*
+    echo "tsan: $(ls "$reports" | wc -l) ThreadSanitizer report file(s) from the soak's load"
+    return 1
+  fi
+  echo "tsan: the soak's load gave no ThreadSanitizer report"
+  return "$status"
+}
 
 # The services join the armhf build only when Debian supplies their libraries for armhf and the kernel
 # can run armhf programs that the tests start (binfmt_misc with qemu).
