@@ -5,13 +5,16 @@
 //   node soak-client.js load SOCKET CLIENTS REQUESTS SEED NAME=PACKAGE:REVISION...
 //     CLIENTS connections send REQUESTS mixed requests each (list, versions, status, stage, install,
 //     resume, watch windows) while one watcher per client checks that event sequence numbers are
-//     consecutive; prints counts, and "load: violations N" last (exit 1 when N > 0)
+//     consecutive and no request is refused for a fault of the service; prints counts, and
+//     "load: violations N" last (exit 1 when N > 0)
 const fs = require("node:fs");
 const net = require("node:net");
 const path = require("node:path");
 const { UpdateServiceClient } = require(path.join(__dirname, "..", "OpcUaServer", "src", "UpdateServiceClient.js"));
 
 const uri = "https://example.com/zun";
+// Refusals that no request of the load deserves: the requests are well formed and the disk has room.
+const faults = new Set(["Bad_ResourceUnavailable", "Bad_InternalError", "Bad_UnexpectedError"]);
 
 function frame(message) {
     const body = Buffer.from(JSON.stringify(message), "utf8");
@@ -96,6 +99,9 @@ async function client(index, socketPath, requests, next, packages, counts, viola
     const count = (op, response) => {
         const key = `${op} ${response.status === 0 ? "Good" : response.statusName}`;
         counts[key] = (counts[key] || 0) + 1;
+        if (faults.has(response.statusName)) {
+            violations.push(`client ${index}: ${op} answered ${response.statusName}: ${response.error}`);
+        }
     };
     for (let i = 0; i < requests; i += 1) {
         const name = names[Math.floor(next() * names.length)];

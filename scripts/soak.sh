@@ -15,7 +15,8 @@
 #          a watchdog; watchers' event numbers consecutive; the final state agrees with the manager.
 #   disk:  spool and state folders on a small tmpfs that is filled: staging fails clearly, nothing
 #          half-written remains.
-# The last line is "soak: N cycles, M violations"; the exit status is 1 when M > 0.
+# The last line is "soak: N cycles, M violations"; the exit status is 1 when M > 0. The waits' bounds
+# grow with ZUN_TEST_TIME_SCALE (environment, default 1) for the services of sanitizer builds.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cycles=1000 seed=1 part=all build=${ZUN_BUILD_DIR:-$root/build/default} load_requests=10000
@@ -56,8 +57,9 @@ cleanup() {
 trap cleanup EXIT
 count() { counts[$1]=$(( ${counts[$1]:-0} + 1 )); }
 violation() { violations=$((violations + 1)); echo "VIOLATION (cycle $cycle, seed $seed): $*"; }
-# Polls a condition every 5 ms, at most about 20 s: a slow machine only makes it poll longer.
-until_true() { local i; for i in $(seq 4000); do "$@" && return 0; sleep 0.005; done; return 1; }
+scale=$(( ${ZUN_TEST_TIME_SCALE:-1} ))
+# Polls a condition every 5 ms, at most about 20 s (times the scale): a slow machine only makes it poll longer.
+until_true() { local i; for i in $(seq $((4000 * scale))); do "$@" && return 0; sleep 0.005; done; return 1; }
 alive_socket() { [ -S "$1" ] && kill -0 "$2" 2>/dev/null; }
 
 start_manager() {
@@ -229,7 +231,7 @@ run_load() {
     specs+=("$name=$package:$revision")
   done
   # The watchdog: a deadlock shows as a load that does not end.
-  watchdog=$(( load_requests / 10 + 120 ))
+  watchdog=$(( (load_requests / 10 + 120) * scale ))
   echo "soak: load, $clients clients x $load_requests requests, watchdog ${watchdog} s"
   timeout "$watchdog" node "$root/scripts/soak-client.js" load "$usock" "$clients" "$load_requests" "$seed" "${specs[@]}" >"$work/load.out" 2>&1
   status=$?
@@ -271,6 +273,16 @@ run_disk() {
   count "disk: staging refused"
   echo "  staging on a full disk: $out"
   grep -qi "space\|ResourceUnavailable" <<<"$out" || violation "staging on a full disk gave no clear reason: $out"
+  check_component "$name" 1.0.0 4.0.0
+  # Room for the upload (moved into the manager's package folder), not for the staged payload:
+  # the manager's refusal reaches the client.
+  rm -f "$mount/filler"
+  free=$(( $(stat -f -c '%a*%S' "$mount") ))
+  head -c $(( free - $(stat -c %s "$package") - 200 * 1024 )) /dev/zero >"$mount/filler" 2>/dev/null
+  out=$("$bin/zun-update" stage "$name" "$package" 2>&1) && violation "staging without room for the payload succeeded: $out"
+  count "disk: staging refused by the manager"
+  echo "  staging without room for the payload: $out"
+  grep -q "could not be staged: not enough disk space" <<<"$out" || violation "the manager's refusal on a full disk is not clear: $out"
   check_component "$name" 1.0.0 4.0.0
   # Installing on a full disk: staged with room, then the disk filled before the copy.
   rm -f "$mount/filler"

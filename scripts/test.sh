@@ -3,7 +3,9 @@
 # every configuration and runs the static analysis.
 #   bash scripts/test.sh            default, asan, tsan and armhf (under qemu) builds with their
 #                                   tests (fuzz corpus replay included; the default build also runs
-#                                   scripts/bad-input.sh), the Debian package, then clang-tidy
+#                                   scripts/bad-input.sh and short soak rounds of kills and a full
+#                                   disk, the tsan build the soak's load), the Debian package, then
+#                                   clang-tidy
 #   bash scripts/test.sh --quick    the default build and its tests only
 #   bash scripts/test.sh --only STAGE[,STAGE...]   stages: deps default package asan tsan armhf tidy
 # deps also installs the OPC UA server's npm packages (npm ci), whose end-to-end tests run in ctest.
@@ -73,7 +75,11 @@ default() {
   [ -f bench/CMakeLists.txt ] && extra+=(-DZUN_BUILD_BENCHMARKS=ON)
   preset default "${extra[@]}" &&
     # Bad input at every boundary of the running services, with a fixed seed so that CI's cases repeat.
-    bash scripts/bad-input.sh --seed 20261125 --build-dir build/default
+    bash scripts/bad-input.sh --seed 20261125 --build-dir build/default &&
+    # Short fixed-seed soak rounds: kill -9 cycles (a seed whose 36 cycles hold every kind of fault and
+    # victim), then a full disk (skipped where a tmpfs cannot be mounted).
+    bash scripts/soak.sh --part kills --cycles 36 --seed 20261142 --build-dir build/default &&
+    bash scripts/soak.sh --part disk --build-dir build/default
 }
 
 # The Debian package of the default build, checked file by file and run from its unpacked tree.
@@ -88,7 +94,25 @@ package() {
 }
 
 asan() { preset asan; }
-tsan() { preset tsan; }
+tsan() { preset tsan && soak_load; }
+
+# The soak's load against the ThreadSanitizer build's services; a report of any of its processes
+# fails the round, with the reports shown.
+soak_load() {
+  local reports=$PWD/build/tsan/soak-reports status
+  rm -rf "$reports" && mkdir -p "$reports" || return 1
+  TSAN_OPTIONS="second_deadlock_stack=1:exitcode=66:log_path=$reports/tsan" \
+    ZUN_TEST_TIME_SCALE=$(sed -n 's/^ZUN_TEST_TIME_SCALE:STRING=//p' build/tsan/CMakeCache.txt) \
+    bash scripts/soak.sh --part load --load-requests 300 --seed 20261125 --build-dir build/tsan
+  status=$?
+  if compgen -G "$reports/tsan.*" >/dev/null; then
+    cat "$reports"/tsan.*
+    echo "tsan: $(ls "$reports" | wc -l) ThreadSanitizer report file(s) from the soak's load"
+    return 1
+  fi
+  echo "tsan: the soak's load gave no ThreadSanitizer report"
+  return "$status"
+}
 
 # The services join the armhf build only when Debian supplies their libraries for armhf and the kernel
 # can run armhf programs that the tests start (binfmt_misc with qemu).
@@ -100,10 +124,34 @@ armhf_services() {
   [ -e /proc/sys/fs/binfmt_misc/qemu-arm ] || { echo "no binfmt_misc entry for qemu-arm"; return 1; }
 }
 
+# SQLite for armhf where it does not install beside the native one (its libc-dev:armhf pulls in armhf
+# packages of other versions than the native ones): the native version's .deb, fetched by apt and
+# unpacked into the build folder. Its static library builds the status store and its tests alone.
+armhf_sqlite() {
+  local version dir out
+  version=$(dpkg-query -W -f='${Version}' libsqlite3-dev 2>/dev/null) || { echo "no native libsqlite3-dev"; return 1; }
+  dir=$PWD/build/armhf-deps/sqlite-$version
+  if [ ! -f "$dir/usr/include/sqlite3.h" ]; then
+    rm -rf "$dir" && mkdir -p "$dir" || return 1
+    out=$(cd "$dir" && apt-get download -q "libsqlite3-dev:armhf=$version" 2>&1) &&
+      dpkg-deb -x "$dir"/libsqlite3-dev_*_armhf.deb "$dir" ||
+      { echo "apt-get download libsqlite3-dev:armhf=$version: $(tail -1 <<<"$out")"; return 1; }
+  fi
+  echo "-DSQLite3_INCLUDE_DIR=$dir/usr/include -DSQLite3_LIBRARY=$dir/usr/lib/arm-linux-gnueabihf/libsqlite3.a"
+}
+
 armhf() {
-  local services=OFF reason
-  if reason=$(armhf_services); then services=ON; else echo "armhf: services not built ($reason)"; fi
-  preset armhf -DZUN_BUILD_SERVICES=$services &&
+  local services=OFF reason store=(-DZUN_BUILD_STATUS_STORE=OFF) sqlite
+  if reason=$(armhf_services); then services=ON; else
+    echo "armhf: services not built ($reason)"
+    if sqlite=$(armhf_sqlite); then
+      read -r -a store <<<"-DZUN_BUILD_STATUS_STORE=ON $sqlite"
+      echo "armhf: the status store is built and tested alone, with SQLite from libsqlite3-dev:armhf's .deb"
+    else
+      echo "armhf: the status store is not built either ($sqlite)"
+    fi
+  fi
+  preset armhf -DZUN_BUILD_SERVICES=$services "${store[@]}" &&
     echo "armhf: $(file -b build/armhf/lib/libZun.Services.Modules.SoftwareUpdate.SoftwareUpdater.so | cut -d, -f1-3)"
 }
 

@@ -53,10 +53,17 @@ void WriteFileAtomically(const fs::path& path, const std::string& content)
 {
     const fs::path temporary = path.string() + ".tmp";
     RemoveAll(temporary);
+    try
     {
         FileDescriptor fd(OpenExclusive(temporary));
         WriteAll(fd.Get(), content.data(), content.size());
         PosixCall("fsync", ::fsync, fd.Get());
+    }
+    catch (...)
+    {
+        // A part written on a full disk would keep the space that the next try needs.
+        ::unlink(temporary.c_str());
+        throw;
     }
     PosixCall("rename", ::rename, temporary.c_str(), path.c_str());
     SyncDirectory(path.parent_path());

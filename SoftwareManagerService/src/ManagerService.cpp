@@ -25,13 +25,8 @@ namespace fs = std::filesystem;
 namespace Codes = Services::Internal::Transport::StatusCodes;
 using System::Commons::PosixCall;
 
-struct ManagerService::Component
+struct ManagerService::Record
 {
-    SoftwareKind kind = SoftwareKind::None;
-    std::string name;
-    fs::path directory;
-
-    // Mirrors state.json.
     InstallationState state = InstallationState::Idle;
     String message;
     std::optional<Manifest> current;
@@ -39,6 +34,17 @@ struct ManagerService::Component
     std::optional<Manifest> pending;
     std::uint64_t pendingSerial = 0;
     std::uint64_t nextSerial = 1;
+};
+
+struct ManagerService::Component
+{
+    SoftwareKind kind = SoftwareKind::None;
+    std::string name;
+    fs::path directory;
+
+    // Mirrors state.json, unless `unsaved`: a failure that could not be written yet.
+    Record record;
+    bool unsaved = false;
 
     // Staging or installing right now; other changes are refused meanwhile.
     bool busy = false;
@@ -86,6 +92,23 @@ Manifest AbsentManifest()
     Manifest manifest;
     manifest.ReleaseDate = DateTime(DateTime::UnixEpochTicks, DateTimeKind::Utc);
     return manifest;
+}
+
+// A write refused for want of space, which the operator can remedy, unlike other failures.
+bool IsOutOfSpace(const std::exception& e)
+{
+    const auto* system = dynamic_cast<const System::Commons::SystemException*>(&e);
+    return system != nullptr && (system->GetErrorCode() == ENOSPC || system->GetErrorCode() == EDQUOT);
+}
+
+// Why an operation failed, with the remedy when the disk is full.
+String Reason(const std::exception& e, const char* remedy)
+{
+    if (IsOutOfSpace(e))
+    {
+        return Exception::Format("not enough disk space ({0}). Free space, then {1}.", e.what(), remedy);
+    }
+    return String(e.what());
 }
 
 template <std::size_t N>
@@ -190,32 +213,35 @@ ManagerService::Component* ManagerService::Load(SoftwareKind kind, const std::st
         if (fs::exists(stateFile))
         {
             const nlohmann::json json = nlohmann::json::parse(ReadFile(stateFile));
-            component->state = static_cast<InstallationState>(json.at("state").get<int>());
-            component->message = json.at("message").get<std::string>();
-            component->nextSerial = json.at("nextSerial").get<std::uint64_t>();
+            component->record.state = static_cast<InstallationState>(json.at("state").get<int>());
+            component->record.message = json.at("message").get<std::string>();
+            component->record.nextSerial = json.at("nextSerial").get<std::uint64_t>();
             if (!json.at("current").is_null())
             {
-                component->current = ManifestFromJson(json["current"].at("manifest"));
-                component->currentVersion = json["current"].at("version").get<std::uint64_t>();
+                component->record.current = ManifestFromJson(json["current"].at("manifest"));
+                component->record.currentVersion = json["current"].at("version").get<std::uint64_t>();
             }
             if (!json.at("pending").is_null())
             {
-                component->pending = ManifestFromJson(json["pending"].at("manifest"));
-                component->pendingSerial = json["pending"].at("serial").get<std::uint64_t>();
+                component->record.pending = ManifestFromJson(json["pending"].at("manifest"));
+                component->record.pendingSerial = json["pending"].at("serial").get<std::uint64_t>();
             }
         }
         fs::create_directories(component->directory / "versions");
         fs::create_directories(component->directory / "staged");
-        if (IsInProgress(component->state))
+        if (IsInProgress(component->record.state))
         {
-            const char* phase = PhaseName(component->state);
-            component->state = InstallationState::CopyingFailed;
-            component->message =
+            const char* phase = PhaseName(component->record.state);
+            component->record.state = InstallationState::CopyingFailed;
+            component->record.message =
                 Exception::Format("Installation was interrupted while {0}: the service stopped before it ended. Resume to retry.", phase);
-            log.Log(3, "{0} / {1}: {2}", GetKindFolder(kind), name, component->message);
-            Persist(*component);
+            log.Log(3, "{0} / {1}: {2}", GetKindFolder(kind), name, component->record.message);
+            SaveFailure(*component);
         }
-        CleanLeftovers(*component);
+        else
+        {
+            CleanLeftovers(*component);
+        }
     }
     catch (const std::exception& e)
     {
@@ -228,25 +254,75 @@ ManagerService::Component* ManagerService::Load(SoftwareKind kind, const std::st
     return raw;
 }
 
-void ManagerService::Persist(const Component& component)
+void ManagerService::Persist(const Component& component, const Record& record)
 {
     nlohmann::json json;
-    json["state"] = static_cast<int>(component.state);
-    json["message"] = component.message;
-    json["nextSerial"] = component.nextSerial;
-    json["current"] = component.current ? nlohmann::json{{"manifest", ManifestToJson(*component.current)}, {"version", component.currentVersion}}
-                                        : nlohmann::json();
-    json["pending"] = component.pending ? nlohmann::json{{"manifest", ManifestToJson(*component.pending)}, {"serial", component.pendingSerial}}
-                                        : nlohmann::json();
+    json["state"] = static_cast<int>(record.state);
+    json["message"] = record.message;
+    json["nextSerial"] = record.nextSerial;
+    json["current"] =
+        record.current ? nlohmann::json{{"manifest", ManifestToJson(*record.current)}, {"version", record.currentVersion}} : nlohmann::json();
+    json["pending"] =
+        record.pending ? nlohmann::json{{"manifest", ManifestToJson(*record.pending)}, {"serial", record.pendingSerial}} : nlohmann::json();
     WriteFileAtomically(component.directory / "state.json", json.dump(2) + "\n");
+}
+
+void ManagerService::Commit(Component& component, Record record)
+{
+    Persist(component, record);
+    component.record = std::move(record);
+    component.unsaved = false;
+}
+
+// A failure must be told even on a full disk, where writing it may fail too. The attempt's leftovers
+// go first: they hold the space that the write needs (unreferenced by state.json, they may go at any
+// time). Should the write fail still, the failure is answered from memory and written at a later
+// call on the component (TrySave). Until then state.json shows the phase that was running, which a
+// restart reports as interrupted, so a kill in between also ends in a failed installation with the
+// old version in place. Space kept in reserve would be one more file to keep right after a kill.
+void ManagerService::SaveFailure(Component& component)
+{
+    try
+    {
+        CleanLeftovers(component);
+    }
+    catch (const std::exception& e)
+    {
+        log.Log(1, "{0} / {1}: removing what the failed installation left failed: {2}", GetKindFolder(component.kind), component.name, e.what());
+    }
+    component.unsaved = true;
+    try
+    {
+        Persist(component, component.record);
+        component.unsaved = false;
+    }
+    catch (const std::exception& e)
+    {
+        log.Log(2, "{0} / {1}: the failure is not written yet, it is written when there is space: {2}", GetKindFolder(component.kind),
+                component.name, e.what());
+    }
+}
+
+void ManagerService::TrySave(Component& component)
+{
+    try
+    {
+        Persist(component, component.record);
+        component.unsaved = false;
+        log.Log(5, "{0} / {1}: the failure is written now.", GetKindFolder(component.kind), component.name);
+    }
+    catch (const std::exception&)
+    {
+        // Still no space: the caller is answered from memory as before.
+    }
 }
 
 void ManagerService::CleanLeftovers(const Component& component)
 {
     const fs::path link = component.directory / "current";
-    if (component.current)
+    if (component.record.current)
     {
-        const fs::path target = fs::path("versions") / std::to_string(component.currentVersion);
+        const fs::path target = fs::path("versions") / std::to_string(component.record.currentVersion);
         std::error_code error;
         if (fs::read_symlink(link, error) != target)
         {
@@ -268,8 +344,8 @@ void ManagerService::CleanLeftovers(const Component& component)
             }
         }
     };
-    prune(component.directory / "versions", component.current.has_value(), component.currentVersion);
-    prune(component.directory / "staged", component.pending.has_value(), component.pendingSerial);
+    prune(component.directory / "versions", component.record.current.has_value(), component.record.currentVersion);
+    prune(component.directory / "staged", component.record.pending.has_value(), component.record.pendingSerial);
 }
 
 ManagerService::Component* ManagerService::Find(SoftwareKind kind, const Name& name, ServiceStatusCode& status)
@@ -288,6 +364,10 @@ ManagerService::Component* ManagerService::Find(SoftwareKind kind, const Name& n
     const auto found = components.find({kind, text});
     if (found != components.end())
     {
+        if (found->second->unsaved)
+        {
+            TrySave(*found->second);
+        }
         return found->second.get();
     }
     const fs::path directory = stateDirectory / "components" / GetKindFolder(kind) / text;
@@ -302,19 +382,19 @@ void ManagerService::Describe(const Component& component, SoftwareInformation& i
 {
     information.Name = String(component.name);
     information.Kind = component.kind;
-    information.HasCurrentManifest = component.current.has_value();
-    if (component.current)
+    information.HasCurrentManifest = component.record.current.has_value();
+    if (component.record.current)
     {
-        information.CurrentManifest = *component.current;
+        information.CurrentManifest = *component.record.current;
     }
     else
     {
         information.CurrentManifest = AbsentManifest();
     }
-    information.HasPendingManifest = component.pending.has_value();
-    if (component.pending)
+    information.HasPendingManifest = component.record.pending.has_value();
+    if (component.record.pending)
     {
-        information.PendingManifest = *component.pending;
+        information.PendingManifest = *component.record.pending;
     }
     else
     {
@@ -368,8 +448,8 @@ ServiceStatusCode ManagerService::GetInstallationState(SoftwareKind kind, const 
     {
         return status;
     }
-    state = component->state;
-    CopyText(message, component->message);
+    state = component->record.state;
+    CopyText(message, component->record.message);
     return Codes::Good;
 }
 
@@ -386,7 +466,7 @@ ServiceStatusCode ManagerService::SetSoftwarePackage(SoftwareKind kind, const Na
             CopyText(message, Exception::Format("Unknown component '{0}' of kind {1}.", name, static_cast<int>(kind)));
             return status;
         }
-        if (component->busy || IsInProgress(component->state))
+        if (component->busy || IsInProgress(component->record.state))
         {
             CopyText(message, String("An installation or staging of this component is running; try again when it has ended."));
             return Codes::BadInvalidState;
@@ -401,7 +481,8 @@ ServiceStatusCode ManagerService::SetSoftwarePackage(SoftwareKind kind, const Na
     }
     catch (const std::exception& e)
     {
-        text = Exception::Format("The package '{0}' could not be staged: {1}", package, e.what());
+        text = Exception::Format("The package '{0}' could not be staged: {1}", package, Reason(e, "stage it again"));
+        status = IsOutOfSpace(e) ? Codes::BadResourceUnavailable : Codes::BadInternalError;
     }
     log.Log(status == Codes::Good ? 6 : 3, "{0} / {1}: {2}", GetKindFolder(kind), name, text);
     CopyText(message, text);
@@ -455,7 +536,7 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
     std::uint64_t serial = 0;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        serial = component.nextSerial++;
+        serial = component.record.nextSerial++;
     }
     const fs::path staged = component.directory / "staged" / std::to_string(serial);
     const fs::path temporary = component.directory / "staged" / (std::to_string(serial) + ".tmp");
@@ -492,13 +573,22 @@ ServiceStatusCode ManagerService::Stage(Component& component, const String& refe
     std::optional<std::uint64_t> previous;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (component.pending)
+        if (component.record.pending)
         {
-            previous = component.pendingSerial;
+            previous = component.record.pendingSerial;
         }
-        component.pending = manifest;
-        component.pendingSerial = serial;
-        Persist(component);
+        Record next = component.record;
+        next.pending = manifest;
+        next.pendingSerial = serial;
+        try
+        {
+            Commit(component, std::move(next));
+        }
+        catch (...)
+        {
+            RemoveAll(staged);
+            throw;
+        }
     }
     if (previous)
     {
@@ -517,14 +607,15 @@ ServiceStatusCode ManagerService::RemoveSoftwarePackage(SoftwareKind kind, const
     {
         return status;
     }
-    if (component->busy || IsInProgress(component->state))
+    if (component->busy || IsInProgress(component->record.state))
     {
         return Codes::BadInvalidState;
     }
-    if (component->pending)
+    if (component->record.pending)
     {
-        component->pending.reset();
-        Persist(*component);
+        Record next = component->record;
+        next.pending.reset();
+        Commit(*component, std::move(next));
         CleanLeftovers(*component);
     }
     return Codes::Good;
@@ -549,7 +640,7 @@ ServiceStatusCode ManagerService::StartInstallation(SoftwareKind kind, const Nam
     {
         return status;
     }
-    if (IsFailed(component->state))
+    if (IsFailed(component->record.state))
     {
         // A failed installation is retried through ResumeInstallation, which starts from scratch too.
         return Codes::BadInvalidState;
@@ -566,7 +657,7 @@ ServiceStatusCode ManagerService::ResumeInstallation(SoftwareKind kind, const Na
     {
         return status;
     }
-    if (!IsFailed(component->state))
+    if (!IsFailed(component->record.state))
     {
         return Codes::BadInvalidState;
     }
@@ -575,7 +666,7 @@ ServiceStatusCode ManagerService::ResumeInstallation(SoftwareKind kind, const Na
 
 ServiceStatusCode ManagerService::BeginInstallation(Component& component, const char* what)
 {
-    if (stopping || component.busy || IsInProgress(component.state) || !component.pending)
+    if (stopping || component.busy || IsInProgress(component.record.state) || !component.record.pending)
     {
         return Codes::BadInvalidState;
     }
@@ -583,13 +674,26 @@ ServiceStatusCode ManagerService::BeginInstallation(Component& component, const 
     {
         component.worker.join();
     }
-    // Nothing of an earlier attempt is trusted: its leftovers go before the new one starts.
-    CleanLeftovers(component);
+    Record next = component.record;
+    next.state = InstallationState::Preparing;
+    next.message = Exception::Format("{0}: preparing version {1}.", what, next.pending->Version);
+    try
+    {
+        // Nothing of an earlier attempt is trusted: its leftovers go before the new one starts.
+        CleanLeftovers(component);
+        Commit(component, std::move(next));
+    }
+    catch (const std::exception& e)
+    {
+        if (!IsOutOfSpace(e))
+        {
+            throw;
+        }
+        log.Log(3, "{0} / {1}: the installation cannot start: {2}", GetKindFolder(component.kind), component.name, Reason(e, "try again"));
+        return Codes::BadResourceUnavailable;
+    }
     component.busy = true;
-    component.state = InstallationState::Preparing;
-    component.message = Exception::Format("{0}: preparing version {1}.", what, component.pending->Version);
-    Persist(component);
-    log.Log(6, "{0} / {1}: {2}", GetKindFolder(component.kind), component.name, component.message);
+    log.Log(6, "{0} / {1}: {2}", GetKindFolder(component.kind), component.name, component.record.message);
     component.worker = std::thread([this, &component] { Install(component, controls); });
     return Codes::Good;
 }
@@ -604,19 +708,11 @@ bool ManagerService::Delay(std::uint32_t milliseconds)
 void ManagerService::Fail(Component& component, InstallationState state, const String& message)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    component.state = state;
-    component.message = message;
+    component.record.state = state;
+    component.record.message = message;
     component.busy = false;
-    try
-    {
-        Persist(component);
-        CleanLeftovers(component);
-    }
-    catch (const std::exception& e)
-    {
-        log.Log(1, "{0} / {1}: cleaning up after a failed installation failed: {2}", GetKindFolder(component.kind), component.name, e.what());
-    }
     log.Log(3, "{0} / {1}: {2}", GetKindFolder(component.kind), component.name, message);
+    SaveFailure(component);
 }
 
 void ManagerService::Install(Component& component, const TestControls& installControls)
@@ -625,9 +721,10 @@ void ManagerService::Install(Component& component, const TestControls& installCo
     auto enter = [&](InstallationState next, const String& message) {
         std::lock_guard<std::mutex> lock(mutex);
         phase = next;
-        component.state = next;
-        component.message = message;
-        Persist(component);
+        Record record = component.record;
+        record.state = next;
+        record.message = message;
+        Commit(component, std::move(record));
     };
     auto failed = [](InstallationState state) { return static_cast<InstallationState>(static_cast<int>(state) + 1); };
     auto injected = [&](FailPhase which) {
@@ -644,8 +741,8 @@ void ManagerService::Install(Component& component, const TestControls& installCo
         fs::path staged;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            manifest = *component.pending;
-            staged = component.directory / "staged" / std::to_string(component.pendingSerial);
+            manifest = *component.record.pending;
+            staged = component.directory / "staged" / std::to_string(component.record.pendingSerial);
         }
         const String version = manifest.Version.ToString();
 
@@ -667,7 +764,7 @@ void ManagerService::Install(Component& component, const TestControls& installCo
         std::uint64_t target = 0;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            target = component.nextSerial++;
+            target = component.record.nextSerial++;
         }
         enter(InstallationState::Copying, Exception::Format("Copying version {0}.", version));
         const fs::path versions = component.directory / "versions";
@@ -689,10 +786,11 @@ void ManagerService::Install(Component& component, const TestControls& installCo
                 return;
             }
             std::lock_guard<std::mutex> lock(mutex);
-            component.state = InstallationState::Idle;
-            component.message = Exception::Format("Installation of version {0} ended without activating it.", version);
+            Record record = component.record;
+            record.state = InstallationState::Idle;
+            record.message = Exception::Format("Installation of version {0} ended without activating it.", version);
+            Commit(component, std::move(record));
             component.busy = false;
-            Persist(component);
             CleanLeftovers(component);
             return;
         }
@@ -705,20 +803,23 @@ void ManagerService::Install(Component& component, const TestControls& installCo
         {
             return;
         }
+        // Written before it is kept: a failed write leaves the old version current, to which the
+        // failure's clean-up turns the link back.
         std::lock_guard<std::mutex> lock(mutex);
-        component.current = manifest;
-        component.currentVersion = target;
-        component.pending.reset();
-        component.state = InstallationState::Idle;
-        component.message = Exception::Format("Installed version {0}.", version);
+        Record record = component.record;
+        record.current = manifest;
+        record.currentVersion = target;
+        record.pending.reset();
+        record.state = InstallationState::Idle;
+        record.message = Exception::Format("Installed version {0}.", version);
+        Commit(component, std::move(record));
         component.busy = false;
-        Persist(component);
         CleanLeftovers(component);
-        log.Log(6, "{0} / {1}: {2}", GetKindFolder(component.kind), component.name, component.message);
+        log.Log(6, "{0} / {1}: {2}", GetKindFolder(component.kind), component.name, component.record.message);
     }
     catch (const std::exception& e)
     {
-        Fail(component, failed(phase), Exception::Format("Installation failed while {0}: {1}", PhaseName(phase), e.what()));
+        Fail(component, failed(phase), Exception::Format("Installation failed while {0}: {1}", PhaseName(phase), Reason(e, "resume")));
     }
 }
 
@@ -773,8 +874,8 @@ void ManagerService::CreateSamples()
             ServiceStatusCode status = Codes::Good;
             component = Find(sample.kind, name, status);
             component->busy = true;
-            component->state = InstallationState::Preparing;
-            Persist(*component);
+            component->record.state = InstallationState::Preparing;
+            Persist(*component, component->record);
         }
         Install(*component, TestControls{});
         fs::remove(incomingDirectory / fmt::format("{}-1.0.0.tar", sample.file));

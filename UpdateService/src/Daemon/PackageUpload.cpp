@@ -79,11 +79,16 @@ void WriteAt(int fd, const std::uint8_t* data, std::size_t size, off_t offset, c
     }
 }
 
-void CopyFile(int from, std::uint64_t size, const std::string& to)
+// False when `to` exists.
+bool CopyFile(int from, std::uint64_t size, const std::string& to)
 {
     const int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
     if (out < 0)
     {
+        if (errno == EEXIST)
+        {
+            return false;
+        }
         throw WriteFailure("Creating", to, errno);
     }
     try
@@ -108,6 +113,25 @@ void CopyFile(int from, std::uint64_t size, const std::string& to)
         ::unlink(to.c_str());
         throw;
     }
+    return true;
+}
+
+// Moves the spooled file to `target`, or copies it there across file systems; false when `target` exists.
+bool PlaceAt(const std::string& spoolPath, int fd, std::uint64_t size, const std::string& target)
+{
+    if (::renameat2(AT_FDCWD, spoolPath.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0)
+    {
+        return true;
+    }
+    if (errno == EEXIST)
+    {
+        return false;
+    }
+    if (errno != EXDEV)
+    {
+        throw WriteFailure("Moving the package to", target, errno);
+    }
+    return CopyFile(fd, size, target);
 }
 } // namespace
 
@@ -192,24 +216,20 @@ std::string PackageUpload::Place(const std::string& packageDirectory)
         }
     }
     // The plain file name when it is free, so the software manager's messages name it; otherwise a
-    // name of this upload's own.
-    std::string relative = fileName;
-    std::string target = packageDirectory + "/" + relative;
-    if (::access(target.c_str(), F_OK) == 0)
+    // name of this upload's own. Only the move itself tells: another upload of the same name may take
+    // it after any check made before.
+    const std::string own = fmt::format(".upload-{}-{}-{}", ::getpid(), id, fileName);
+    const std::string folder = packageDirectory + "/";
+    for (const std::string& relative : {fileName, own})
     {
-        relative = fmt::format(".upload-{}-{}-{}", ::getpid(), id, fileName);
-        target = packageDirectory + "/" + relative;
-    }
-    if (::renameat2(AT_FDCWD, spoolPath.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0)
-    {
-        if (errno != EXDEV)
+        const std::string target = folder + relative;
+        if (PlaceAt(spoolPath, fd, size, target))
         {
-            throw WriteFailure("Moving the package to", target, errno);
+            placedPath = target;
+            return relative;
         }
-        CopyFile(fd, size, target);
     }
-    placedPath = target;
-    return relative;
+    throw WriteFailure("Moving the package to", folder + own, EEXIST);
 }
 
 } // namespace Zun::Services::SoftwareUpdate::UpdateService::Daemon

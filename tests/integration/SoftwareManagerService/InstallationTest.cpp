@@ -1,5 +1,8 @@
 // The software manager process installing packages: phases, failures, kills at any phase with the
-// restart that follows, resume, and staging refusals.
+// restart that follows, resume, staging refusals, and a full disk.
+#include <fcntl.h>
+#include <sys/mount.h>
+
 #include <cstring>
 #include <tuple>
 
@@ -52,10 +55,10 @@ class InstallationTest : public ManagerFixture
 protected:
     // Version 1.0.0 installed in a plain run and 2.0.0 staged; then the manager restarts with
     // `options`, since its test controls apply to every installation of a run.
-    void InstallFirstAndStageSecond(const std::vector<std::string>& options = {})
+    void InstallFirstAndStageSecond(const std::vector<std::string>& options = {}, const std::string& second = "two")
     {
         Pack("alpha-1.tar", "1.0.0", "one");
-        Pack("alpha-2.tar", "2.0.0", "two");
+        Pack("alpha-2.tar", "2.0.0", second);
         StartService();
         proxy = MakeProxy(socket);
         ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("alpha-1.tar"), message)) << message.CStr();
@@ -210,6 +213,75 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"KillCopying", Slow(), InstallationState::Copying, InstallationState::CopyingFailed, Interrupted("copying")},
         EndCase{"KillActivating", Slow(), InstallationState::Activating, InstallationState::CopyingFailed, Interrupted("activating")}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The state folder on a file system of its own, 4 MiB, that the test fills (skipped where it cannot be mounted).
+class FullDiskTest : public InstallationTest, public ::testing::WithParamInterface<std::uintmax_t>
+{
+protected:
+    void SetUp() override
+    {
+        fs::create_directories(Disk());
+        if (::mount("tmpfs", Disk().c_str(), "tmpfs", 0, "size=4m") != 0)
+        {
+            ASSERT_EQ(EPERM, errno) << std::strerror(errno);
+            GTEST_SKIP() << "needs to mount a small file system (root with CAP_SYS_ADMIN)";
+        }
+        mounted = true;
+        InstallationTest::SetUp();
+    }
+    void TearDown() override
+    {
+        manager.Kill(SIGKILL);
+        if (mounted)
+        {
+            ::umount2(Disk().c_str(), MNT_DETACH);
+        }
+    }
+    // Leaves `room` bytes free.
+    void Fill(std::uintmax_t room)
+    {
+        const int fd = ::open((Disk() / "filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        ASSERT_LE(0, fd);
+        EXPECT_EQ(0, ::posix_fallocate(fd, 0, static_cast<off_t>(fs::space(Disk()).available - room)));
+        ::close(fd);
+    }
+    // The state folder (the fixture's `state` is hidden by the installation state).
+    fs::path Disk() const { return ManagerFixture::state; }
+    std::string StateOnDisk() const { return ReadText(AlphaFolder() / "state.json"); }
+
+    bool mounted = false;
+};
+
+// Staging and installing fail as such and leave nothing half-written, whether or not the failure
+// itself finds room on the disk; with room again the installation resumes.
+TEST_P(FullDiskTest, AFullDiskFailsClearlyAndTheInstallationResumesWithRoom)
+{
+    InstallFirstAndStageSecond(Slow(), std::string(std::size_t{1} << 20, 'x'));
+    const std::string noSpace = "not enough disk space (write failed: No space left on device (errno 28)). Free space, then ";
+    const std::string before = StateOnDisk();
+    Fill(0);
+    EXPECT_EQ(StatusCodes::BadResourceUnavailable, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("alpha-1.tar"), message));
+    EXPECT_EQ("The package 'alpha-1.tar' could not be staged: " + noSpace + "stage it again.", std::string(message.CStr()));
+    EXPECT_EQ(1u, Names(AlphaFolder() / "staged").size());
+    EXPECT_EQ(before, StateOnDisk());
+    fs::remove(Disk() / "filler");
+
+    ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
+    // While it prepares: room for state.json but not for the copy, or none at all.
+    Fill(GetParam());
+    ASSERT_TRUE(WaitFor([](InstallationState s) { return !IsInProgress(s); }));
+    EXPECT_EQ(InstallationState::CopyingFailed, state);
+    EXPECT_EQ("Installation failed while copying: " + noSpace + "resume.", std::string(message.CStr()));
+    ExpectInstalled("1.0.0");
+    EXPECT_EQ(1u, Names(AlphaFolder() / "staged").size());
+    EXPECT_FALSE(fs::exists(AlphaFolder() / "state.json.tmp"));
+    fs::remove(Disk() / "filler");
+    ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
+    EXPECT_NE(std::string::npos, StateOnDisk().find("\"state\": 4\n")) << StateOnDisk();
+    ResumeInAPlainRun();
+}
+
+INSTANTIATE_TEST_SUITE_P(Room, FullDiskTest, ::testing::Values(std::uintmax_t{64} << 10, std::uintmax_t{0}));
 
 TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
 {

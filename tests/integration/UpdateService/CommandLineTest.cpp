@@ -147,7 +147,11 @@ TEST_F(CommandLineTest, AFailedInstallationIsAnErrorThatResumeTakesBack)
     const CliResult idle = Run({"resume", Files});
     EXPECT_EQ(idle.exitCode, 1);
     EXPECT_EQ(idle.output, "Bad_InvalidState\n");
-    const Json staged = RunJson({"stage", Files, Package("sample-files-1.1.0.tar")});
+    // An upload's name found taken only when it is moved into place (here by a dangling link, as by
+    // another upload of the same name) gets a name of its own.
+    fs::copy_file(Package("sample-files-1.1.0.tar"), folder / "taken.tar");
+    fs::create_symlink(folder / "gone", folder / "manager" / "incoming" / "taken.tar");
+    const Json staged = RunJson({"stage", Files, (folder / "taken.tar").string()});
     EXPECT_EQ(staged["statusCode"], "Good");
     EXPECT_THAT(staged["message"].get<std::string>(), HasSubstr("1.1.0"));
     const CliResult failed = Run({"install", Files, "--revision", "1.1.0", "--uri", Uri, "--wait"});

@@ -101,7 +101,7 @@ TEST_F(StatusStoreTest, KeepsRecordsPersistentPropertiesAndAuditLogAcrossReopeni
     store->SetProperty(Project, "TargetSoftwareRevision", "2.0", true);
     store->SetProperty(Project, "Scratch", "x", false);
     StoredNotification sent;
-    sent.timestamp = DateTime::FromUnixTimeMilliseconds(1'790'000'000'123);
+    sent.timestamp = DateTime::FromUnixTimeMilliseconds(4'102'444'800'123); // 2100, past a 32-bit time_t
     sent.name = "Security.Installation.Succeeded";
     sent.senderName = "Software Update";
     sent.severity = 1;
@@ -246,6 +246,27 @@ TEST_F(StatusStoreTest, RefusesAFileThatIsNotAStoreAndAMissingFolder)
               fmt::format("Status store '{}': PRAGMA journal_mode=WAL failed: file is not a database", notes));
     EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(missing); }),
               fmt::format("Cannot open the status store '{}': unable to open database file", missing));
+}
+
+// Run with the realtime clock moved to 2040 by the ClockAfter2038 test (tests/CMakeLists.txt), also
+// under qemu on the device's 32-bit build: a notification stamped by the clock keeps its time.
+TEST(ClockAfter2038Test, TheStoreKeepsANotificationsStampPast2038)
+{
+    if (std::getenv("ZUN_CLOCK_SHIFT_TO") == nullptr)
+    {
+        GTEST_SKIP() << "the realtime clock is not shifted";
+    }
+    const std::filesystem::path folder = MakeFolder();
+    const String path((folder / "store.db").string());
+    StoredNotification sent;
+    sent.timestamp = DateTime::GetUtcNow();
+    sent.name = "Security.Clock.Tick";
+    StatusStore(path).AppendNotification(sent);
+    const auto kept = StatusStore(path).GetNotifications();
+    std::filesystem::remove_all(folder);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_GE(kept[0].timestamp.ToUnixTimeMilliseconds(), std::atoll(std::getenv("ZUN_CLOCK_SHIFT_TO")) * 1000);
+    EXPECT_EQ(kept[0].timestamp.ToUnixTimeMilliseconds(), sent.timestamp.ToUnixTimeMilliseconds()); // kept to the millisecond
 }
 
 } // namespace

@@ -31,7 +31,7 @@ void WriteAll(int fd, const void* data, std::size_t size);
 void SyncDirectory(const std::filesystem::path& directory);
 // Creates one folder (mode 0755); the parent must exist.
 void CreateDirectory(const std::filesystem::path& path);
-// Writes `content` beside `path`, flushes it and renames it over `path`.
+// Writes `content` beside `path`, flushes it and renames it over `path`; a failed write leaves no temporary.
 void WriteFileAtomically(const std::filesystem::path& path, const std::string& content);
 std::string ReadFile(const std::filesystem::path& path);
 // Copies the regular files and folders of `source` to `destination` (created), flushing every file.

@@ -97,6 +97,8 @@ public:
     const std::filesystem::path& GetKeyringDirectory() const noexcept { return trust.keyring; }
 
 private:
+    // What state.json holds.
+    struct Record;
     struct Component;
     using Key = std::pair<SoftwareKind, std::string>;
 
@@ -104,7 +106,13 @@ private:
     Component* Find(SoftwareKind kind, const Name& name, ServiceStatusCode& status);
     Component* Load(SoftwareKind kind, const std::string& name);
     void ScanComponents();
-    void Persist(const Component& component);
+    void Persist(const Component& component, const Record& record);
+    // Writes `record` and only then makes it the component's: a failed write changes nothing.
+    void Commit(Component& component, Record record);
+    // Writes the failure that the component's record holds as well as a full disk allows.
+    void SaveFailure(Component& component);
+    // Writes a record that SaveFailure could not; quietly leaves it unsaved when that fails again.
+    void TrySave(Component& component);
     // Makes the files match state.json: the `current` link, and nothing unreferenced.
     void CleanLeftovers(const Component& component);
     ServiceStatusCode Stage(Component& component, const String& reference, String& message);

@@ -41,6 +41,7 @@ constexpr std::uint32_t BadUserAccessDenied = 0x801F0000u;
 constexpr std::uint32_t BadNoCommunication = 0x80310000u;
 constexpr std::uint32_t BadNotSupported = 0x803D0000u;
 constexpr std::uint32_t BadNotFound = 0x803E0000u;
+constexpr std::uint32_t BadResourceUnavailable = 0x80040000u;
 constexpr std::uint32_t BadTooManyOperations = 0x80100000u;
 constexpr std::uint32_t BadResponseTooLarge = 0x80B90000u;
 constexpr std::uint32_t BadInvalidArgument = 0x80AB0000u;
