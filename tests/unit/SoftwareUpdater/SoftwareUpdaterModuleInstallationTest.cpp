@@ -101,6 +101,8 @@ TEST_F(InstallationTest, RefusalsBeforeTheSwitchChangeNothing)
         EXPECT_EQ(Log(), log);
         EXPECT_EQ(Snapshot(), before);
         EXPECT_EQ(Journal(true) + ManagerJournal(true), "");
+        // Nor a status thread: App is idle at first, and once busy the module is disabled.
+        EXPECT_EQ(module->GetStatusThreadState(), -1);
     };
     expectRefusal(Request("2.0.0"), Codes::BadNotFound, "7 SoftwareRevision mismatch. Pending version is 2.0 but requested 2.0.0");
     Su::SoftwareVersionType patched = Request();
