@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include "Zun/Commons/DateTime.hpp"
-#include "Zun/Commons/Exception.hpp"
 #include "Zun/SoftwareUpdate/StatusCode.hpp"
 
 namespace Zun::Testing
@@ -16,7 +15,6 @@ namespace
 namespace Codes = Services::SoftwareUpdate::StatusCodes;
 
 using Manifest = FakeSoftwareManagerService::Manifest;
-using SoftwareKind = FakeSoftwareManagerService::SoftwareKind;
 using InstallationState = FakeSoftwareManagerService::InstallationState;
 
 // 2026-01-15T12:00:00Z, a fixed date so that records compare equal across runs.
@@ -37,17 +35,6 @@ void SetManifest(bool& has, Manifest& target, const std::optional<Manifest>& man
     has = manifest.has_value();
     target = WithUtcDate(manifest.value_or(Manifest()));
 }
-
-int KindNumber(SoftwareKind kind)
-{
-    return static_cast<int>(kind);
-}
-
-// Driving a component that was never added is a mistake in the test, not a state to simulate.
-[[noreturn]] void ThrowUnknownComponent(SoftwareKind kind, const char* name)
-{
-    throw System::Commons::InvalidOperationException("Unknown component ({0}, {1}).", KindNumber(kind), name);
-}
 } // namespace
 
 Manifest FakeSoftwareManagerService::MakeManifest(const char* version, const char* manufacturerUri, std::uint32_t updateBehavior)
@@ -64,9 +51,8 @@ Manifest FakeSoftwareManagerService::MakeManifest(const char* version, const cha
 std::vector<FakeSoftwareManagerService::SoftwareInformation> FakeSoftwareManagerService::GetAllSoftwareInformation()
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Note("GetAllSoftwareInformation()");
+    journal.emplace_back("GetAllSoftwareInformation()");
     std::vector<SoftwareInformation> result;
-    result.reserve(order.size() + rawRecords.size());
     for (const auto& key : order)
     {
         result.push_back(components.at(key).information);
@@ -76,56 +62,41 @@ std::vector<FakeSoftwareManagerService::SoftwareInformation> FakeSoftwareManager
 }
 
 FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::GetSoftwareInformation(SoftwareKind kind, const Name& name,
-                                                                                                  SoftwareInformation& information)
+                                                                                                 SoftwareInformation& information)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("GetSoftwareInformation({}, {})", KindNumber(kind), name));
-    if (auto code = Forced("GetSoftwareInformation"))
+    std::unique_lock<std::mutex> lock(mutex);
+    Component* component = nullptr;
+    const ServiceStatusCode code = Enter(lock, "GetSoftwareInformation", kind, name, component);
+    if (component != nullptr)
     {
-        return code;
+        information = component->information;
     }
-    Component* component = Find(kind, name);
-    if (component == nullptr)
-    {
-        return Codes::BadNotFound;
-    }
-    information = component->information;
-    return Codes::Good;
+    return code;
 }
 
 FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::GetInstallationState(SoftwareKind kind, const Name& name,
-                                                                                                InstallationState& state, RscString& message)
+                                                                                               InstallationState& state, RscString& message)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("GetInstallationState({}, {})", KindNumber(kind), name));
-    if (auto code = Forced("GetInstallationState"))
+    std::unique_lock<std::mutex> lock(mutex);
+    Component* component = nullptr;
+    const ServiceStatusCode code = Enter(lock, "GetInstallationState", kind, name, component);
+    if (component != nullptr)
     {
-        return code;
+        state = component->state;
+        message = component->message;
     }
-    Component* component = Find(kind, name);
-    if (component == nullptr)
-    {
-        return Codes::BadNotFound;
-    }
-    state = component->state;
-    message = component->message;
-    return Codes::Good;
+    return code;
 }
 
 FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::SetSoftwarePackage(SoftwareKind kind, const Name& name,
-                                                                                              const RscString& package, RscString& message)
+                                                                                             const RscString& package, RscString& message)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("SetSoftwarePackage({}, {}, {})", KindNumber(kind), name, package));
-    if (auto code = Forced("SetSoftwarePackage"))
-    {
-        return code;
-    }
-    Component* component = Find(kind, name);
+    std::unique_lock<std::mutex> lock(mutex);
+    Component* component = nullptr;
+    const ServiceStatusCode code = Enter(lock, "SetSoftwarePackage", kind, name, component, fmt::format(", {}", package));
     if (component == nullptr)
     {
-        message = String(fmt::format("Unknown component {}.", name));
-        return Codes::BadNotFound;
+        return code;
     }
     auto staged = packages.find(package.ToString());
     if (staged == packages.end())
@@ -140,16 +111,12 @@ FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::SetSof
 
 FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::StartInstallation(SoftwareKind kind, const Name& name)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("StartInstallation({}, {})", KindNumber(kind), name));
-    if (auto code = Forced("StartInstallation"))
-    {
-        return code;
-    }
-    Component* component = Find(kind, name);
+    std::unique_lock<std::mutex> lock(mutex);
+    Component* component = nullptr;
+    const ServiceStatusCode code = Enter(lock, "StartInstallation", kind, name, component);
     if (component == nullptr)
     {
-        return Codes::BadNotFound;
+        return code;
     }
     if (component->state != InstallationState::Idle || !component->information.HasPendingManifest)
     {
@@ -162,16 +129,12 @@ FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::StartI
 
 FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::ResumeInstallation(SoftwareKind kind, const Name& name)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("ResumeInstallation({}, {})", KindNumber(kind), name));
-    if (auto code = Forced("ResumeInstallation"))
-    {
-        return code;
-    }
-    Component* component = Find(kind, name);
+    std::unique_lock<std::mutex> lock(mutex);
+    Component* component = nullptr;
+    const ServiceStatusCode code = Enter(lock, "ResumeInstallation", kind, name, component);
     if (component == nullptr)
     {
-        return Codes::BadNotFound;
+        return code;
     }
     switch (component->state)
     {
@@ -212,16 +175,6 @@ void FakeSoftwareManagerService::AddRawRecord(const SoftwareInformation& record)
     rawRecords.push_back(std::move(copy));
 }
 
-void FakeSoftwareManagerService::RemoveComponent(SoftwareKind kind, const char* name)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    Key key(kind, String(name));
-    if (components.erase(key) > 0)
-    {
-        order.erase(std::find(order.begin(), order.end(), key));
-    }
-}
-
 void FakeSoftwareManagerService::AddPackage(const char* package, const Manifest& manifest)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -231,82 +184,28 @@ void FakeSoftwareManagerService::AddPackage(const char* package, const Manifest&
 void FakeSoftwareManagerService::SetPending(SoftwareKind kind, const char* name, const std::optional<Manifest>& pending)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Component* found = Find(kind, Name(name));
-    if (found == nullptr)
-    {
-        ThrowUnknownComponent(kind, name);
-    }
-    Component& component = *found;
-    SetManifest(component.information.HasPendingManifest, component.information.PendingManifest, pending);
-}
-
-void FakeSoftwareManagerService::SetCurrent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    Component* found = Find(kind, Name(name));
-    if (found == nullptr)
-    {
-        ThrowUnknownComponent(kind, name);
-    }
-    Component& component = *found;
-    SetManifest(component.information.HasCurrentManifest, component.information.CurrentManifest, current);
+    SoftwareInformation& information = components.at(Key(kind, String(name))).information;
+    SetManifest(information.HasPendingManifest, information.PendingManifest, pending);
 }
 
 void FakeSoftwareManagerService::SetState(SoftwareKind kind, const char* name, InstallationState state, const char* message)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Component* found = Find(kind, Name(name));
-    if (found == nullptr)
-    {
-        ThrowUnknownComponent(kind, name);
-    }
-    Component& component = *found;
+    Component& component = components.at(Key(kind, String(name)));
     component.state = state;
     component.message = message;
 }
 
-void FakeSoftwareManagerService::CompleteInstallation(SoftwareKind kind, const char* name, bool keepVersion)
+void FakeSoftwareManagerService::BeforeEachCall(std::function<void(const String& call)> action)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Component* found = Find(kind, Name(name));
-    if (found == nullptr)
-    {
-        ThrowUnknownComponent(kind, name);
-    }
-    Component& component = *found;
-    SoftwareInformation& information = component.information;
-    if (information.HasPendingManifest && !keepVersion)
-    {
-        information.HasCurrentManifest = true;
-        information.CurrentManifest = information.PendingManifest;
-    }
-    SetManifest(information.HasPendingManifest, information.PendingManifest, std::nullopt);
-    component.state = InstallationState::Idle;
-    component.message.clear();
+    beforeEachCall = std::move(action);
 }
 
 void FakeSoftwareManagerService::FailOperation(const char* operation, ServiceStatusCode code)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (code == Codes::Good)
-    {
-        failures.erase(String(operation));
-    }
-    else
-    {
-        failures[String(operation)] = code;
-    }
-}
-
-std::optional<FakeSoftwareManagerService::InstallationState> FakeSoftwareManagerService::StateOf(SoftwareKind kind, const char* name) const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(Key(kind, String(name)));
-    if (found == components.end())
-    {
-        return std::nullopt;
-    }
-    return found->second.state;
+    failures[String(operation)] = code;
 }
 
 std::vector<String> FakeSoftwareManagerService::Journal() const
@@ -321,21 +220,26 @@ void FakeSoftwareManagerService::ClearJournal()
     journal.clear();
 }
 
-FakeSoftwareManagerService::Component* FakeSoftwareManagerService::Find(SoftwareKind kind, const Name& name)
+FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::Enter(std::unique_lock<std::mutex>& lock, const char* operation,
+                                                                                SoftwareKind kind, const Name& name, Component*& component,
+                                                                                const String& more)
 {
+    const String line = fmt::format("{}({}, {}{})", operation, static_cast<int>(kind), name, more);
+    if (const std::function<void(const String&)> action = beforeEachCall)
+    {
+        lock.unlock();
+        action(line);
+        lock.lock();
+    }
+    journal.push_back(line);
+    auto failure = failures.find(String(operation));
+    if (failure != failures.end() && failure->second != Codes::Good)
+    {
+        return failure->second;
+    }
     auto found = components.find(Key(kind, name.ToString()));
-    return found == components.end() ? nullptr : &found->second;
-}
-
-FakeSoftwareManagerService::ServiceStatusCode FakeSoftwareManagerService::Forced(const char* operation) const
-{
-    auto found = failures.find(String(operation));
-    return found == failures.end() ? Codes::Good : found->second;
-}
-
-void FakeSoftwareManagerService::Note(String line)
-{
-    journal.push_back(std::move(line));
+    component = found == components.end() ? nullptr : &found->second;
+    return component == nullptr ? Codes::BadNotFound : Codes::Good;
 }
 
 } // namespace Zun::Testing

@@ -4,142 +4,98 @@
 
 #include <fmt/format.h>
 
-#include "Zun/Commons/Exception.hpp"
-
 namespace Zun::Testing
 {
 
+using State = FakeUpdaterStatus::InstallationState;
+
 namespace
 {
-const char* BoolText(bool value)
+// Moves a record from `from` to `to`; false, and nothing changed, in any other state.
+bool Move(FakeUpdaterStatus::SoftwareUpdateStatus& status, State from, State to)
 {
-    return value ? "true" : "false";
+    if (status.InstallationState != from)
+    {
+        return false;
+    }
+    status.InstallationState = to;
+    return true;
 }
 } // namespace
 
 std::vector<String> FakeUpdaterStatus::GetComponentNames()
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Note("GetComponentNames()");
+    journal.emplace_back("GetComponentNames()");
     return order;
 }
 
 bool FakeUpdaterStatus::GetStatus(const String& name, SoftwareUpdateStatus& status)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("GetStatus({})", name));
-    if (failGetStatus > 0)
-    {
-        --failGetStatus;
-        return false;
-    }
-    auto found = components.find(name);
-    if (found == components.end())
-    {
-        return false;
-    }
-    status = found->second.status;
-    return true;
+    return Call(fmt::format("GetStatus({})", name), name, [&](Component& component) {
+        status = component.status;
+        return true;
+    });
 }
 
 void FakeUpdaterStatus::SetUpdateStatus(const String& name, const String& text, bool idle)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("SetUpdateStatus({}, {}, {})", name, text, BoolText(idle)));
-    auto found = components.find(name);
-    if (found != components.end())
-    {
-        found->second.status.ErrorMessage = text;
-    }
+    Call(fmt::format("SetUpdateStatus({}, {}, {})", name, text, idle), name, [&](Component& component) {
+        component.status.ErrorMessage = text;
+        return true;
+    });
 }
 
 void FakeUpdaterStatus::SetPercentComplete(const String& name, std::uint8_t percent)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("SetPercentComplete({}, {})", name, static_cast<unsigned>(percent)));
+    Call(fmt::format("SetPercentComplete({}, {})", name, static_cast<unsigned>(percent)), name, [](Component&) { return true; });
 }
 
 bool FakeUpdaterStatus::SwitchToInstalling(const String& name, bool needsPreparation)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("SwitchToInstalling({}, {})", name, BoolText(needsPreparation)));
-    auto found = components.find(name);
-    if (found == components.end() || found->second.status.InstallationState != InstallationState::Idle)
-    {
-        return false;
-    }
-    found->second.status.InstallationState = InstallationState::Installing;
-    return true;
+    return Call(fmt::format("SwitchToInstalling({}, {})", name, needsPreparation), name,
+                [](Component& component) { return Move(component.status, State::Idle, State::Installing); });
 }
 
 void FakeUpdaterStatus::FinishInstallation(const String& name, bool success)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("FinishInstallation({}, {})", name, BoolText(success)));
-    auto found = components.find(name);
-    if (found != components.end() && found->second.status.InstallationState == InstallationState::Installing)
-    {
-        found->second.status.InstallationState = success ? InstallationState::Idle : InstallationState::Error;
-    }
+    Call(fmt::format("FinishInstallation({}, {})", name, success), name,
+         [&](Component& component) { return Move(component.status, State::Installing, success ? State::Idle : State::Error); });
 }
 
 bool FakeUpdaterStatus::ResetError(const String& name)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("ResetError({})", name));
-    auto found = components.find(name);
-    if (found == components.end() || found->second.status.InstallationState != InstallationState::Error)
-    {
-        return false;
-    }
-    found->second.status.InstallationState = InstallationState::Idle;
-    return true;
+    return Call(fmt::format("ResetError({})", name), name,
+                [](Component& component) { return Move(component.status, State::Error, State::Idle); });
 }
 
 void FakeUpdaterStatus::SetProperty(const String& name, const String& key, const String& value, bool persistent)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("SetProperty({}, {}, {}, {})", name, key, value, BoolText(persistent)));
-    auto found = components.find(name);
-    if (found != components.end())
-    {
-        found->second.properties[key] = value;
-    }
+    Call(fmt::format("SetProperty({}, {}, {}, {})", name, key, value, persistent), name, [&](Component& component) {
+        component.properties[key] = value;
+        return true;
+    });
 }
 
 void FakeUpdaterStatus::RemoveProperty(const String& name, const String& key)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("RemoveProperty({}, {})", name, key));
-    auto found = components.find(name);
-    if (found != components.end())
-    {
-        found->second.properties.erase(key);
-    }
+    Call(fmt::format("RemoveProperty({}, {})", name, key), name, [&](Component& component) { return component.properties.erase(key) > 0; });
 }
 
 bool FakeUpdaterStatus::GetProperty(const String& name, const String& key, String& value)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("GetProperty({}, {})", name, key));
-    auto found = components.find(name);
-    if (found == components.end())
-    {
-        return false;
-    }
-    auto property = found->second.properties.find(key);
-    if (property == found->second.properties.end())
-    {
-        return false;
-    }
-    value = property->second;
-    return true;
+    return Call(fmt::format("GetProperty({}, {})", name, key), name, [&](Component& component) {
+        auto property = component.properties.find(key);
+        const bool found = property != component.properties.end();
+        value = found ? property->second : value;
+        return found;
+    });
 }
 
 void FakeUpdaterStatus::AddComponent(const String& name)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("AddComponent({})", name));
+    journal.emplace_back(fmt::format("AddComponent({})", name));
     if (components.emplace(name, Component{}).second)
     {
         order.push_back(name);
@@ -149,7 +105,7 @@ void FakeUpdaterStatus::AddComponent(const String& name)
 void FakeUpdaterStatus::RemoveComponent(const String& name)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    Note(fmt::format("RemoveComponent({})", name));
+    journal.emplace_back(fmt::format("RemoveComponent({})", name));
     if (components.erase(name) > 0)
     {
         order.erase(std::find(order.begin(), order.end(), name));
@@ -159,72 +115,52 @@ void FakeUpdaterStatus::RemoveComponent(const String& name)
 void FakeUpdaterStatus::Seed(const String& name, InstallationState state, const String& errorMessage)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    auto inserted = components.emplace(name, Component{});
-    if (inserted.second)
+    if (components.count(name) == 0)
     {
         order.push_back(name);
     }
-    inserted.first->second.status.InstallationState = state;
-    inserted.first->second.status.ErrorMessage = errorMessage;
+    components[name].status.InstallationState = state;
+    components[name].status.ErrorMessage = errorMessage;
 }
 
 void FakeUpdaterStatus::SeedProperty(const String& name, const String& key, const String& value)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(name);
-    if (found == components.end())
-    {
-        // A property without its component would be invisible to every lookup.
-        throw System::Commons::InvalidOperationException("Cannot seed property '{0}' of unknown component '{1}'.", key, name);
-    }
-    found->second.properties[key] = value;
+    components.at(name).properties[key] = value;
 }
 
-bool FakeUpdaterStatus::Has(const String& name) const
+void FakeUpdaterStatus::Refuse(const String& call, bool carriedOut)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    return components.count(name) > 0;
+    refusals[call] = carriedOut;
 }
 
-std::optional<FakeUpdaterStatus::InstallationState> FakeUpdaterStatus::StateOf(const String& name) const
+std::optional<State> FakeUpdaterStatus::StateOf(const String& name) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(name);
-    if (found == components.end())
-    {
-        return std::nullopt;
-    }
-    return found->second.status.InstallationState;
+    const Component* component = Find(name);
+    return component == nullptr ? std::nullopt : std::optional(component->status.InstallationState);
 }
 
 String FakeUpdaterStatus::ErrorMessageOf(const String& name) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(name);
-    return found == components.end() ? String() : found->second.status.ErrorMessage.ToString();
+    const Component* component = Find(name);
+    return component == nullptr ? String() : component->status.ErrorMessage.ToString();
 }
 
 std::optional<String> FakeUpdaterStatus::PropertyOf(const String& name, const String& key) const
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(name);
-    if (found == components.end())
-    {
-        return std::nullopt;
-    }
-    auto property = found->second.properties.find(key);
-    if (property == found->second.properties.end())
-    {
-        return std::nullopt;
-    }
-    return property->second;
+    const std::map<String, String> properties = PropertiesOf(name);
+    auto property = properties.find(key);
+    return property == properties.end() ? std::nullopt : std::optional(property->second);
 }
 
 std::map<String, String> FakeUpdaterStatus::PropertiesOf(const String& name) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    auto found = components.find(name);
-    return found == components.end() ? std::map<String, String>() : found->second.properties;
+    const Component* component = Find(name);
+    return component == nullptr ? std::map<String, String>() : component->properties;
 }
 
 std::vector<String> FakeUpdaterStatus::Journal() const
@@ -239,15 +175,26 @@ void FakeUpdaterStatus::ClearJournal()
     journal.clear();
 }
 
-void FakeUpdaterStatus::FailNextGetStatus(std::size_t count)
+bool FakeUpdaterStatus::Call(const String& line, const String& name, const std::function<bool(Component&)>& body)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    failGetStatus = count;
+    journal.push_back(line);
+    auto refusal = refusals.find(line);
+    const bool refused = refusal != refusals.end();
+    const bool carriedOut = !refused || refusal->second;
+    if (refused)
+    {
+        refusals.erase(refusal);
+    }
+    auto found = components.find(name);
+    const bool answer = found != components.end() && carriedOut && body(found->second);
+    return answer && !refused;
 }
 
-void FakeUpdaterStatus::Note(String line)
+const FakeUpdaterStatus::Component* FakeUpdaterStatus::Find(const String& name) const
 {
-    journal.push_back(std::move(line));
+    auto found = components.find(name);
+    return found == components.end() ? nullptr : &found->second;
 }
 
 } // namespace Zun::Testing

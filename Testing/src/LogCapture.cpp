@@ -9,33 +9,18 @@
 namespace Zun::Testing
 {
 
-using System::Commons::Diagnostics::Logging::ILogSink;
 using System::Commons::Diagnostics::Logging::LogManager;
-using System::Commons::Diagnostics::Logging::LogRecord;
 
-// Keeps copies of the records: the record only refers to the logger's name and message.
-class LogCapture::Sink : public ILogSink
+// Keeps copies of the records: the record only refers to its message.
+class LogCapture::Sink : public System::Commons::Diagnostics::Logging::ILogSink
 {
 public:
-    void Write(const LogRecord& record) override
+    void Write(const System::Commons::Diagnostics::Logging::LogRecord& record) override
     {
         std::lock_guard<std::mutex> lock(mutex);
-        lines.push_back(CapturedLine{record.loggerName, record.level, record.message});
+        lines.push_back(CapturedLine{record.level, record.message});
     }
 
-    std::vector<CapturedLine> Lines() const
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return lines;
-    }
-
-    void Clear()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        lines.clear();
-    }
-
-private:
     mutable std::mutex mutex;
     std::vector<CapturedLine> lines;
 };
@@ -69,23 +54,14 @@ LogCapture::~LogCapture()
 
 std::vector<CapturedLine> LogCapture::Lines() const
 {
-    return sink->Lines();
-}
-
-std::vector<String> LogCapture::Messages() const
-{
-    std::vector<String> result;
-    for (const auto& line : sink->Lines())
-    {
-        result.push_back(line.message);
-    }
-    return result;
+    std::lock_guard<std::mutex> lock(sink->mutex);
+    return sink->lines;
 }
 
 std::vector<String> LogCapture::Messages(int level) const
 {
     std::vector<String> result;
-    for (const auto& line : sink->Lines())
+    for (const auto& line : Lines())
     {
         if (line.level == level)
         {
@@ -95,28 +71,16 @@ std::vector<String> LogCapture::Messages(int level) const
     return result;
 }
 
-bool LogCapture::Contains(const String& message) const
-{
-    return Count(message) > 0;
-}
-
 bool LogCapture::Contains(int level, const String& message) const
 {
-    const auto lines = sink->Lines();
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const CapturedLine& line) { return line.level == level && line.message == message; });
-}
-
-std::size_t LogCapture::Count(const String& message) const
-{
-    const auto lines = sink->Lines();
-    return static_cast<std::size_t>(
-        std::count_if(lines.begin(), lines.end(), [&](const CapturedLine& line) { return line.message == message; }));
+    const std::vector<String> messages = Messages(level);
+    return std::find(messages.begin(), messages.end(), message) != messages.end();
 }
 
 void LogCapture::Clear()
 {
-    sink->Clear();
+    std::lock_guard<std::mutex> lock(sink->mutex);
+    sink->lines.clear();
 }
 
 } // namespace Zun::Testing

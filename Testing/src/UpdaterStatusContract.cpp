@@ -13,35 +13,7 @@ using Status = Services::SoftwareUpdate::IUpdaterStatus::SoftwareUpdateStatus;
 
 const char* const PropertyKey = "TargetSoftwareRevision";
 
-const char* NameOf(State state)
-{
-    switch (state)
-    {
-    case State::Idle:
-        return "Idle";
-    case State::Installing:
-        return "Installing";
-    case State::Error:
-        return "Error";
-    }
-    return "?";
-}
-
-const char* NameOf(Operation operation)
-{
-    switch (operation)
-    {
-    case Operation::Switch:
-        return "Switch";
-    case Operation::FinishSuccess:
-        return "FinishSuccess";
-    case Operation::FinishFailure:
-        return "FinishFailure";
-    case Operation::Reset:
-        return "Reset";
-    }
-    return "?";
-}
+const char* const OperationNames[] = {"Switch", "FinishSuccess", "FinishFailure", "Reset"};
 
 Status Read(Services::SoftwareUpdate::IUpdaterStatus& status, const String& name)
 {
@@ -54,18 +26,12 @@ Status Read(Services::SoftwareUpdate::IUpdaterStatus& status, const String& name
 const std::vector<StateTransition>& StateMachineTransitions()
 {
     static const std::vector<StateTransition> transitions = {
-        {State::Idle, Operation::Switch, true, State::Installing},
-        {State::Installing, Operation::Switch, false, State::Installing},
-        {State::Error, Operation::Switch, false, State::Error},
-        {State::Idle, Operation::FinishSuccess, false, State::Idle},
-        {State::Installing, Operation::FinishSuccess, true, State::Idle},
-        {State::Error, Operation::FinishSuccess, false, State::Error},
-        {State::Idle, Operation::FinishFailure, false, State::Idle},
-        {State::Installing, Operation::FinishFailure, true, State::Error},
-        {State::Error, Operation::FinishFailure, false, State::Error},
-        {State::Idle, Operation::Reset, false, State::Idle},
-        {State::Installing, Operation::Reset, false, State::Installing},
-        {State::Error, Operation::Reset, true, State::Idle},
+        {State::Idle, Operation::Switch, true, State::Installing},        {State::Installing, Operation::Switch, false, State::Installing},
+        {State::Error, Operation::Switch, false, State::Error},           {State::Idle, Operation::FinishSuccess, false, State::Idle},
+        {State::Installing, Operation::FinishSuccess, true, State::Idle}, {State::Error, Operation::FinishSuccess, false, State::Error},
+        {State::Idle, Operation::FinishFailure, false, State::Idle},      {State::Installing, Operation::FinishFailure, true, State::Error},
+        {State::Error, Operation::FinishFailure, false, State::Error},    {State::Idle, Operation::Reset, false, State::Idle},
+        {State::Installing, Operation::Reset, false, State::Installing},  {State::Error, Operation::Reset, true, State::Idle},
     };
     return transitions;
 }
@@ -121,7 +87,7 @@ void ExpectStateMachineTransition(Services::SoftwareUpdate::IUpdaterStatus& stat
 
 void PrintTo(const StateTransition& transition, std::ostream* stream)
 {
-    *stream << NameOf(transition.from) << "_" << NameOf(transition.operation);
+    *stream << transition.from << "_" << OperationNames[static_cast<int>(transition.operation)];
 }
 
 } // namespace Zun::Testing

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -14,9 +15,6 @@
 #include <gtest/gtest.h>
 
 #include "SoftwareUpdater/SoftwareUpdaterModule.hpp"
-#include "Zun/Commons/Exception.hpp"
-#include "Zun/Commons/LogManager.hpp"
-#include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
 #include "Zun/Testing/ManualSleep.hpp"
 #include "Zun/Testing/ModuleEnvironment.hpp"
@@ -69,64 +67,39 @@ inline std::string Joined(const std::vector<String>& lines)
     return text;
 }
 
-// Runs `action` and expects an exception of type E with exactly `message`.
-template <class E, class Action>
-void ExpectThrow(Action action, const std::string& message)
+// Lines that do not begin with one of `prefixes`.
+inline std::vector<String> Without(std::vector<String> lines, std::initializer_list<const char*> prefixes)
 {
-    try
-    {
-        action();
-        ADD_FAILURE() << "no exception";
-    }
-    catch (const E& e)
-    {
-        EXPECT_EQ(e.GetMessage(), message);
-    }
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [&](const String& line) {
+                                   return std::any_of(prefixes.begin(), prefixes.end(),
+                                                      [&](const char* prefix) { return line.rfind(prefix, 0) == 0; });
+                               }),
+                lines.end());
+    return lines;
 }
 
-// Counts down when a given message is logged, so that a test can wait for a thread's log line.
-class MessageLatch : public System::Commons::Diagnostics::Logging::ILogSink
+// Waits for a state that another thread reaches right after a point the test has synchronised with
+// (a thread's state flips to 0 just after its body returns); bounded, so that a fault fails.
+template <class Predicate> bool WaitUntil(Predicate done)
 {
-public:
-    explicit MessageLatch(String message) : message(std::move(message)) {}
-    void Write(const System::Commons::Diagnostics::Logging::LogRecord& record) override
+    const auto deadline = std::chrono::steady_clock::now() + Patience();
+    while (!done())
     {
-        if (String(record.message) == message)
+        if (std::chrono::steady_clock::now() > deadline)
         {
-            seen.Notify();
+            return false;
         }
+        std::this_thread::yield();
     }
-    Notification seen;
-
-private:
-    String message;
-};
+    return true;
+}
 
 class UpdaterModuleTest : public ::testing::Test
 {
 public:
-    void TearDown() override { Stop(); }
-
-    // Disabled unless `enabled`, so that no status thread calls the services beside the test.
-    void Start(bool enabled = false)
-    {
-        Create();
-        if (!enabled)
-        {
-            module->Disable();
-        }
-        Clear();
-    }
-
-    // Initialises a module; its first pass may start a status thread.
-    void Create()
-    {
-        module = std::make_unique<Module>();
-        module->Initialize("SoftwareUpdater", env.status);
-    }
-
     // A parked status thread is let go only after the module is disabled, so it ends at once.
-    void Stop()
+    void TearDown() override
     {
         if (module)
         {
@@ -136,42 +109,41 @@ public:
         }
     }
 
+    // Initialises a module; its first pass may start a status thread unless `enabled` is false, which
+    // disables it at once so that no status thread calls the services beside the test.
+    void Start(bool enabled = false)
+    {
+        module = std::make_unique<Module>();
+        module->Initialize("SoftwareUpdater", env.status);
+        if (!enabled)
+        {
+            module->Disable();
+        }
+        Clear();
+    }
+
     void Clear()
     {
-        env.statusFake->ClearJournal();
-        env.managerFake->ClearJournal();
+        env.status->ClearJournal();
+        env.manager->ClearJournal();
         logs.Clear();
     }
 
     // Store calls; `changes` leaves out reads and registrations.
     std::string Journal(bool changes = false) const
     {
-        std::vector<String> lines = env.statusFake->Journal();
-        if (changes)
-        {
-            lines.erase(std::remove_if(lines.begin(), lines.end(),
-                                       [](const String& line) {
-                                           return line.rfind("GetStatus(", 0) == 0 || line.rfind("GetProperty(", 0) == 0 ||
-                                                  line.rfind("AddComponent(", 0) == 0;
-                                       }),
-                        lines.end());
-        }
-        return Joined(lines);
+        const std::vector<String> lines = env.status->Journal();
+        return Joined(changes ? Without(lines, {"GetStatus(", "GetProperty(", "AddComponent("}) : lines);
     }
 
     // Manager calls; `changes` keeps only those that stage, start or resume.
     std::string ManagerJournal(bool changes = false) const
     {
-        std::vector<String> lines = env.managerFake->Journal();
-        if (changes)
-        {
-            lines.erase(std::remove_if(lines.begin(), lines.end(), [](const String& line) { return line.rfind("Get", 0) == 0; }),
-                        lines.end());
-        }
-        return Joined(lines);
+        const std::vector<String> lines = env.manager->Journal();
+        return Joined(changes ? Without(lines, {"Get"}) : lines);
     }
 
-    // Log lines of every logger as "level message".
+    // Log lines as "level message".
     std::string Log() const
     {
         std::vector<String> lines;
@@ -185,25 +157,22 @@ public:
     // A stored record as "Idle [text]", "-" when there is none.
     std::string State(const String& name = App) const
     {
-        const auto state = env.statusFake->StateOf(name);
-        return (state ? fmt::format("{}", fmt::streamed(*state)) : "-") + " [" + env.statusFake->ErrorMessageOf(name) + "]";
+        const auto state = env.status->StateOf(name);
+        return (state ? fmt::format("{}", fmt::streamed(*state)) : "-") + " [" + env.status->ErrorMessageOf(name) + "]";
     }
 
     // Everything that a refusal must leave alone: App's record and properties, and the work list.
     std::string Snapshot() const
     {
         std::string text = State();
-        for (const auto& [key, value] : env.statusFake->PropertiesOf(App))
+        for (const auto& [key, value] : env.status->PropertiesOf(App))
         {
             text += " " + key + "=" + value;
         }
-        std::vector<String> list;
-        for (const String& name : module->GetSyncList())
-        {
-            list.push_back(name);
-        }
-        std::sort(list.begin(), list.end());
-        return text + " list: " + Joined(list);
+        const auto list = module->GetSyncList();
+        std::vector<String> names(list.begin(), list.end());
+        std::sort(names.begin(), names.end());
+        return text + " list: " + Joined(names);
     }
 
     HostState Sync(const String& name = App)
@@ -216,8 +185,8 @@ public:
     // App as the host and the manager see it, with the same text on both sides.
     void Seed(HostState host, ManagerState manager, const char* text = "")
     {
-        env.statusFake->Seed(App, host, text);
-        env.managerFake->SetState(Kind::GenericFiles, "app", manager, text);
+        env.status->Seed(App, host, text);
+        env.manager->SetState(Kind::GenericFiles, "app", manager, text);
     }
 
     Watchdog watchdog{std::chrono::seconds(60)};

@@ -36,20 +36,19 @@ public:
     // Moves a failed component (2, 4, 6) back to Preparing (1).
     ServiceStatusCode ResumeInstallation(SoftwareKind kind, const Name& name) override;
 
-    // Set-up and driving (not journaled).
+    // Set-up and driving, not journaled. AddComponent replaces a component of the same name with an
+    // idle one; driving a component that was never added throws std::out_of_range.
     void AddComponent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current = std::nullopt,
                       const std::optional<Manifest>& pending = std::nullopt);
     void AddRawRecord(const SoftwareInformation& record); // listed as it is, for odd records
-    void RemoveComponent(SoftwareKind kind, const char* name);
     void AddPackage(const char* package, const Manifest& manifest);
     void SetPending(SoftwareKind kind, const char* name, const std::optional<Manifest>& pending);
-    void SetCurrent(SoftwareKind kind, const char* name, const std::optional<Manifest>& current);
     void SetState(SoftwareKind kind, const char* name, InstallationState state, const char* message = "");
-    // Ends an installation: the pending manifest becomes current (unless `keepVersion`), state 0.
-    void CompleteInstallation(SoftwareKind kind, const char* name, bool keepVersion = false);
-    // Forces the result of every later call of one operation ("GetInstallationState", ...); 0 clears.
+    // Runs `action` with the journal line of each later call before the call is carried out, outside
+    // the lock, so that a test can change the manager at that moment.
+    void BeforeEachCall(std::function<void(const String& call)> action);
+    // Forces the result of every later call of one operation ("GetInstallationState", ...); Good clears.
     void FailOperation(const char* operation, ServiceStatusCode code);
-    std::optional<InstallationState> StateOf(SoftwareKind kind, const char* name) const;
     std::vector<String> Journal() const;
     void ClearJournal();
 
@@ -62,9 +61,9 @@ private:
     };
     using Key = std::pair<SoftwareKind, String>;
 
-    Component* Find(SoftwareKind kind, const Name& name);
-    ServiceStatusCode Forced(const char* operation) const;
-    void Note(String line);
+    // Journals a call; its component when the call goes on (Good), else null and the code to answer.
+    ServiceStatusCode Enter(std::unique_lock<std::mutex>& lock, const char* operation, SoftwareKind kind, const Name& name,
+                            Component*& component, const String& more = String());
 
     mutable std::mutex mutex;
     std::vector<Key> order;
@@ -73,6 +72,7 @@ private:
     std::map<String, Manifest> packages;
     std::map<String, ServiceStatusCode> failures;
     std::vector<String> journal;
+    std::function<void(const String& call)> beforeEachCall;
 };
 
 } // namespace Zun::Testing

@@ -3,10 +3,10 @@
 // Every call is journaled, so tests can assert the order of calls. Thread-safe.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <vector>
 
 #include "ServiceContracts/IUpdaterStatus.hpp"
@@ -34,10 +34,12 @@ public:
     // Drops the record and the properties; harmless for an unknown name.
     void RemoveComponent(const String& name) override;
 
-    // Test set-up and inspection (not journaled).
+    // Set-up and inspection, not journaled; a property of an unknown component throws std::out_of_range.
     void Seed(const String& name, InstallationState state, const String& errorMessage = String());
     void SeedProperty(const String& name, const String& key, const String& value);
-    bool Has(const String& name) const;
+    // Makes the next call journaled as `call`, such as "ResetError(Generic files / a)", answer false;
+    // `carriedOut`: it changes the store or hands out its value all the same.
+    void Refuse(const String& call, bool carriedOut = false);
     std::optional<InstallationState> StateOf(const String& name) const;
     String ErrorMessageOf(const String& name) const;
     std::optional<String> PropertyOf(const String& name, const String& key) const;
@@ -45,8 +47,6 @@ public:
     // Journal lines such as "SwitchToInstalling(Generic files / a, false)".
     std::vector<String> Journal() const;
     void ClearJournal();
-    // Makes the next GetStatus calls for any name return false (0: normal).
-    void FailNextGetStatus(std::size_t count);
 
 private:
     struct Component
@@ -55,13 +55,16 @@ private:
         std::map<String, String> properties;
     };
 
-    void Note(String line);
+    // Journals a call on `name` and carries it out on the component unless there is none or the call
+    // is refused; the body's answer, false when not carried out or refused.
+    bool Call(const String& line, const String& name, const std::function<bool(Component&)>& body);
+    const Component* Find(const String& name) const;
 
     mutable std::mutex mutex;
     std::vector<String> order; // registration order
     std::map<String, Component> components;
+    std::map<String, bool> refusals;
     std::vector<String> journal;
-    std::size_t failGetStatus = 0;
 };
 
 } // namespace Zun::Testing

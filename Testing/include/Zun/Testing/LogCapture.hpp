@@ -11,7 +11,6 @@ namespace Zun::Testing
 
 struct CapturedLine
 {
-    String logger;
     int level;
     String message;
 };
@@ -27,12 +26,9 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<CapturedLine> Lines() const;
-    // Messages in order, optionally only those at `level`.
-    std::vector<String> Messages() const;
+    // Messages at `level`, in order.
     std::vector<String> Messages(int level) const;
-    bool Contains(const String& message) const;
     bool Contains(int level, const String& message) const;
-    std::size_t Count(const String& message) const;
     void Clear();
 
 private:
