@@ -18,7 +18,7 @@
 # rebuilds only what changed. The workers take the faults of one file at a time. For a fault they
 # run the unit tests, then the integration tests most likely to catch a fault of its file, then the
 # rest, each stopping at its first failure. A fault in the OPC UA front (a .js file) runs the front's
-# end-to-end tests instead. Not part of CI: the whole list takes about half an hour on 2 cores.
+# end-to-end tests instead. Not part of CI: the whole list takes about a quarter of an hour on 2 cores.
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -272,7 +272,7 @@ worker() {
                 # The failed tests by name; a program that failed without naming one crashed or hung.
                 printf '%s\t%s\t%s\n' "$number" "$what" "$( { grep -ohE '^\[  FAILED  \] [A-Za-z_][^ ]*' "$log" | cut -c14-
                     grep -ohE '^ *not ok [0-9]+ - .*' "$log" | sed -E 's/^ *not ok [0-9]+ - /node: /' | grep -v '\.js$'
-                    cat "$log.failed"; } | sort -u | paste -sd, - | sed 's/,/, /g')" >>"$run/matrix-$id"
+                    cat "$log.failed"; } | sort -u | paste -sd'|' - | sed 's/|/ | /g')" >>"$run/matrix-$id"
             fi
             case $result in
                 1) echo "caught  $name ($(elapsed "$begun"))"; echo caught >>"$run/results-$id" ;;
