@@ -22,10 +22,11 @@ native=(
   libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libsqlite3-dev sqlite3 libarchive-dev libssl-dev libcli11-dev
   libprotobuf-dev protobuf-compiler
-  dpkg-dev systemd
+  dpkg-dev systemd lld
 )
 # dpkg-dev: dpkg-shlibdeps finds the Debian package's dependencies. systemd: systemd-analyze checks
-# the package's units (about 6 MB; installing it does not start it in a container).
+# the package's units (about 6 MB; installing it does not start it in a container). lld: the fast
+# linker of the planted-fault runs (scripts/mutants.sh).
 # Node.js for the OPC UA server: the machine's own (20) when there is one, else Debian's.
 command -v node >/dev/null && command -v npm >/dev/null || native+=(nodejs npm)
 # The cross libraries are Multi-Arch: same: they co-install only at the native package's exact version.

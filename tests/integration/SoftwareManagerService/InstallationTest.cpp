@@ -1,14 +1,17 @@
 // The software manager process installing packages: phases, failures, kills at any phase with the
-// restart that follows, resume, staging refusals, and a full disk.
+// restart that follows, resume, packages refused at staging, those of an untrusted signer too, and a
+// full disk.
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <tuple>
 
 #include <gtest/gtest.h>
 
-#include "Zun/SoftwareManager/FrameCodec.hpp"
 #include "tests/integration/Support/Processes.hpp"
 
 namespace
@@ -20,8 +23,8 @@ using namespace Manager::Transport;
 
 const Text Alpha("Alpha");
 
-// (name, type '0' file / '2' symbolic link / 'L' the next entry's long name / 'B' a file whose header
-// claims the size in the text but holds no data, as a compression bomb's would, content or link target)
+// (name, type '0' file / '2' symbolic link / 'B' a file whose header claims the size in the text but
+// holds no data, as a compression bomb's would, content or link target)
 using TarEntry = std::tuple<std::string, char, std::string>;
 
 // A ustar archive written by hand, for packages that the pack command would never produce.
@@ -30,7 +33,7 @@ void WriteTar(const fs::path& path, const std::vector<TarEntry>& entries)
     std::string data;
     for (const auto& [name, type, text] : entries)
     {
-        const std::string content = type == '0' || type == 'L' ? text : "";
+        const std::string content = type == '0' ? text : "";
         char header[512] = {};
         std::snprintf(header, 100, "%s", name.c_str());
         std::snprintf(header + 100, 8, "%07o", 0644);
@@ -48,6 +51,15 @@ void WriteTar(const fs::path& path, const std::vector<TarEntry>& entries)
         data.append(header, 512).append(content).append((512 - content.size() % 512) % 512, '\0');
     }
     std::ofstream(path, std::ios::binary) << data << std::string(1024, '\0');
+}
+
+// Replaces the byte `offset` after `marker` by '0' ('1' if it is '0'); the tar's headers stay valid.
+void ChangeByte(const fs::path& file, const std::string& marker, std::size_t offset)
+{
+    std::string bytes = ReadText(file);
+    char& byte = bytes.at(bytes.find(marker) + offset);
+    byte = byte == '0' ? '1' : '0';
+    std::ofstream(file, std::ios::binary) << bytes;
 }
 
 class InstallationTest : public ManagerFixture
@@ -95,44 +107,10 @@ protected:
         EXPECT_EQ(std::vector<std::string>({"bin", "version.txt"}), Names(link));
     }
 
-    void ResumeInAPlainRun()
-    {
-        manager.Kill(SIGTERM);
-        StartService();
-        ASSERT_EQ(StatusCodes::Good, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha));
-        ASSERT_TRUE(WaitFor([](InstallationState s) { return s == InstallationState::Idle; })) << message.CStr();
-        ExpectInstalled("2.0.0");
-    }
-
     std::unique_ptr<ISoftwareManagerService> proxy;
     InstallationState state = InstallationState::Idle;
     Text message;
 };
-
-TEST_F(InstallationTest, InstallationPassesThroughThePhasesAndSwitchesVersions)
-{
-    InstallFirstAndStageSecond({"--phase-delay-ms", ScaledOption(150)});
-    ExpectInstalled("1.0.0");
-    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha)) << "a pending package, but nothing failed";
-    ASSERT_EQ(StatusCodes::Good, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
-    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
-    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("alpha-1.tar"), message));
-    std::vector<InstallationState> seen;
-    ASSERT_TRUE(WaitFor([&](InstallationState s) {
-        if (seen.empty() || seen.back() != s)
-        {
-            seen.push_back(s);
-        }
-        return s == InstallationState::Idle;
-    }));
-    EXPECT_EQ(std::vector<InstallationState>(
-                  {InstallationState::Preparing, InstallationState::Copying, InstallationState::Activating, InstallationState::Idle}),
-              seen);
-    EXPECT_EQ("Installed version 2.0.0.", message.ToString());
-    ExpectInstalled("2.0.0");
-    EXPECT_FALSE(Information().HasPendingManifest);
-    EXPECT_TRUE(Names(AlphaFolder() / "staged").empty());
-}
 
 // How an installation ends without switching: a fault injected in a phase, no activation, a staged
 // payload changed on disk, or the manager killed in a phase (killAt) and started again.
@@ -145,6 +123,11 @@ struct EndCase
     std::string message;
     bool damage = false; // a staged file is changed before the start, so a resume fails again
 };
+
+void PrintTo(const EndCase& c, std::ostream* out)
+{
+    *out << c.name;
+}
 
 class InstallationEndTest : public InstallationTest, public ::testing::WithParamInterface<EndCase>
 {
@@ -177,25 +160,40 @@ TEST_P(InstallationEndTest, AnInstallationThatDoesNotSwitchKeepsTheOldVersion)
     ExpectInstalled("1.0.0");
     EXPECT_EQ("2.0.0", Information().PendingManifest.Version.ToString());
     EXPECT_EQ(1u, Names(AlphaFolder() / "staged").size());
-    if (c.end != InstallationState::Idle)
+    if (c.end == InstallationState::Idle)
     {
-        EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
-        if (!c.damage)
-        {
-            ResumeInAPlainRun();
-        }
+        EXPECT_EQ(StatusCodes::BadInvalidState, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha)) << "pending, but nothing failed";
+        return;
     }
+    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
+    if (c.damage)
+    {
+        return;
+    }
+    // Resumed in a plain run, the installation passes through the phases, refusing changes meanwhile.
+    manager.Kill(SIGTERM);
+    StartService({"--phase-delay-ms", ScaledOption(150)});
+    ASSERT_EQ(StatusCodes::Good, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha));
+    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->StartInstallation(SoftwareKind::GenericFiles, Alpha));
+    EXPECT_EQ(StatusCodes::BadInvalidState, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("alpha-1.tar"), message));
+    std::vector<InstallationState> seen;
+    ASSERT_TRUE(WaitFor([&](InstallationState s) {
+        seen.insert(seen.end(), seen.empty() || seen.back() != s ? 1 : 0, s);
+        return s == InstallationState::Idle;
+    }));
+    EXPECT_EQ(std::vector<InstallationState>(
+                  {InstallationState::Preparing, InstallationState::Copying, InstallationState::Activating, InstallationState::Idle}),
+              seen);
+    EXPECT_EQ("Installed version 2.0.0.", message.ToString());
+    ExpectInstalled("2.0.0");
+    EXPECT_FALSE(Information().HasPendingManifest);
+    EXPECT_TRUE(Names(AlphaFolder() / "staged").empty());
 }
 
-std::vector<std::string> Slow()
-{
-    return {"--phase-delay-ms", ScaledOption(1000)};
-}
-
-std::string Interrupted(const char* phase)
-{
+const std::vector<std::string> Slow = {"--phase-delay-ms", ScaledOption(1000)};
+const auto Interrupted = [](const char* phase) {
     return std::string("Installation was interrupted while ") + phase + ": the service stopped before it ended. Resume to retry.";
-}
+};
 
 INSTANTIATE_TEST_SUITE_P(
     Ends, InstallationEndTest,
@@ -209,9 +207,9 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"Damaged", {}, InstallationState::Idle, InstallationState::PreparingFailed,
                 "Installation failed while preparing: the staged payload of version 2.0.0 is damaged.", true},
         EndCase{"KeepVersion", {"--keep-version"}, InstallationState::Idle, InstallationState::Idle, "Installation of version 2.0.0 ended without activating it."},
-        EndCase{"KillPreparing", Slow(), InstallationState::Preparing, InstallationState::CopyingFailed, Interrupted("preparing")},
-        EndCase{"KillCopying", Slow(), InstallationState::Copying, InstallationState::CopyingFailed, Interrupted("copying")},
-        EndCase{"KillActivating", Slow(), InstallationState::Activating, InstallationState::CopyingFailed, Interrupted("activating")}),
+        EndCase{"KillPreparing", Slow, InstallationState::Preparing, InstallationState::CopyingFailed, Interrupted("preparing")},
+        EndCase{"KillCopying", Slow, InstallationState::Copying, InstallationState::CopyingFailed, Interrupted("copying")},
+        EndCase{"KillActivating", Slow, InstallationState::Activating, InstallationState::CopyingFailed, Interrupted("activating")}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The state folder on a file system of its own, 4 MiB, that the test fills (skipped where it cannot be mounted).
@@ -256,7 +254,7 @@ protected:
 // itself finds room on the disk; with room again the installation resumes.
 TEST_P(FullDiskTest, AFullDiskFailsClearlyAndTheInstallationResumesWithRoom)
 {
-    InstallFirstAndStageSecond(Slow(), std::string(std::size_t{1} << 20, 'x'));
+    InstallFirstAndStageSecond(Slow, std::string(std::size_t{1} << 20, 'x'));
     const std::string noSpace = "not enough disk space (write failed: No space left on device (errno 28)). Free space, then ";
     const std::string before = StateOnDisk();
     Fill(0);
@@ -278,68 +276,65 @@ TEST_P(FullDiskTest, AFullDiskFailsClearlyAndTheInstallationResumesWithRoom)
     fs::remove(Disk() / "filler");
     ASSERT_EQ(StatusCodes::Good, proxy->GetInstallationState(SoftwareKind::GenericFiles, Alpha, state, message));
     EXPECT_NE(std::string::npos, StateOnDisk().find("\"state\": 4\n")) << StateOnDisk();
-    ResumeInAPlainRun();
+    ASSERT_EQ(StatusCodes::Good, proxy->ResumeInstallation(SoftwareKind::GenericFiles, Alpha));
+    ASSERT_TRUE(WaitFor([](InstallationState s) { return s == InstallationState::Idle; })) << message.CStr();
+    ExpectInstalled("2.0.0");
 }
 
 INSTANTIATE_TEST_SUITE_P(Room, FullDiskTest, ::testing::Values(std::uintmax_t{64} << 10, std::uintmax_t{0}));
 
+// Every refusal leaves the pending package, the staged folders and state.json as they were. A package
+// whose signature does not hold, or whose signer the keyring does not trust, is refused before any of
+// it is written; unsigned packages are allowed here, so the hand-made ones reach the checks behind it.
 TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
 {
     Pack("good.tar", "1.5.0", "good");
+    for (const char* name : {"manifest.tar", "payload.tar", "withdrawn.tar"})
+    {
+        Pack(name, "2.0.0", "sample content");
+    }
+    ChangeByte(Incoming() / "manifest.tar", "\"2.0.0\"", 1);
+    ChangeByte(Incoming() / "payload.tar", "sample content", 0);
+    signingKey = temp / "stranger.pem";
+    ASSERT_EQ(0, RunTool({"keygen", "--private", signingKey.string(), "--public", (temp / "stranger.pub").string()}, temp / "log"));
+    Pack("stranger.tar", "2.0.0", "sample content");
     Pack("outside.tar", "6.6.6", "evil");
     const fs::path outside = temp / "outside.tar";
     fs::rename(Incoming() / "outside.tar", outside);
     fs::create_symlink(outside, Incoming() / "link.tar");
-    fs::create_directories(Incoming() / "sub.tar");
-    std::ofstream(Incoming() / "junk.tar") << std::string(2000, 'j');
-    // The hand-made packages are unsigned: what they test lies behind the signature check.
     StartService({"--allow-unsigned"});
     proxy = MakeProxy(socket);
     ASSERT_EQ(StatusCodes::Good, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text("good.tar"), message));
     const auto stagedBefore = Names(AlphaFolder() / "staged");
     const std::string stateBefore = ReadText(AlphaFolder() / "state.json");
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(::inotify_add_watch(watch, (AlphaFolder() / "staged").c_str(), IN_CREATE), 0);
 
     const std::string emptyDigest = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+    const std::string refused = "was refused: ";
     struct Refusal
     {
         std::string reference;
         std::vector<TarEntry> tar; // written to incoming/<reference> first when not empty
-        std::uint32_t status;
         std::string message; // after "The package '<reference>' "
+        bool extracts = false; // the signature holds, so the payload is written before its digest is checked
     };
     const Refusal refusals[] = {
-        {"../outside.tar", {}, StatusCodes::BadInvalidArgument, "is outside the package folder"},
-        {outside.string(), {}, StatusCodes::BadInvalidArgument, "is outside the package folder"},
-        {"link.tar", {}, StatusCodes::BadInvalidArgument, "leads outside the package folder"},
-        {"missing.tar", {}, StatusCodes::BadNotFound, "does not exist in the package folder"},
-        {"sub.tar", {}, StatusCodes::BadInvalidArgument, "is not a readable regular file."},
-        {"junk.tar", {}, StatusCodes::BadInvalidArgument, "was refused: The package cannot be opened: Unrecognized archive format"},
-        {"sum.tar",
-         {{"manifest.json", '0', R"({"version":"7","payloadSha256":")" + emptyDigest + "\"}"}, {"payload/a.txt", '0', "content"}},
-         StatusCodes::BadInvalidArgument,
-         "was refused: Payload checksum mismatch: the manifest says e3b0"},
-        {"escape.tar", {{"payload/../../escape.txt", '0', "x"}}, StatusCodes::BadInvalidArgument,
-         "was refused: The package holds an unsafe entry 'payload/../../escape.txt'."},
-        {"linkentry.tar", {{"payload/passwd", '2', "/etc/passwd"}}, StatusCodes::BadInvalidArgument,
-         "was refused: The package entry 'payload/passwd' is not a regular file or folder."},
-        {"nomanifest.tar", {{"payload/a.txt", '0', "a"}}, StatusCodes::BadInvalidArgument, "was refused: The package has no manifest.json."},
-        {"twice.tar", {{"payload/a", '0', "x"}, {"payload/a", '0', "y"}}, StatusCodes::BadInvalidArgument,
-         "was refused: The package holds 'payload/a' twice."},
-        {"below.tar", {{"payload/a", '0', "x"}, {"payload/a/b", '0', "y"}}, StatusCodes::BadInvalidArgument,
-         "was refused: The package entry 'payload/a/b' lies below the file 'payload/a'."},
-        {"longpart.tar", {{"././@LongLink", 'L', "payload/" + std::string(256, 'p')}, {"payload/p", '0', "x"}}, StatusCodes::BadInvalidArgument,
-         "was refused: The package entry 'payload/" + std::string(56, 'p') + "...' has a path of 264 bytes"},
-        {"bomb.tar", {{"payload/zeros", 'B', std::to_string(std::uint64_t{3} << 29)}}, StatusCodes::BadInvalidArgument,
-         "was refused: The payload is larger than 1073741824 bytes."},
-        {"field.tar", {{"manifest.json", '0', R"({"version":"7","colour":"red"})"}}, StatusCodes::BadInvalidArgument,
-         "was refused: Unknown manifest field 'colour'."},
-        {"date.tar", {{"manifest.json", '0', R"({"version":"7","releaseDate":"2026-01-01T00:00:00+02:00"})"}}, StatusCodes::BadInvalidArgument,
-         "was refused: Release date '2026-01-01T00:00:00+02:00' must be in UTC (ending in Z)."},
-        {"stray.tar", {{"readme", '0', "x"}}, StatusCodes::BadInvalidArgument,
-         "was refused: Unexpected entry 'readme' in the package; only manifest.json, manifest.sig and payload/ belong there."},
-        // Allowing unsigned packages does not let a signature that is there go unchecked.
-        {"badsig.tar", {{"manifest.json", '0', R"({"version":"7"})"}, {"manifest.sig", '0', R"({"algorithm":"Ed25519"})"}},
-         StatusCodes::BadInvalidArgument, "was refused: manifest.sig has no text field 'keyId'."},
+        {"../outside.tar", {}, "is outside the package folder"},
+        {"link.tar", {}, "leads outside the package folder"},
+        {"sum.tar", {{"manifest.json", '0', R"({"version":"7","payloadSha256":")" + emptyDigest + "\"}"}, {"payload/a.txt", '0', "content"}},
+         refused + "Payload checksum mismatch: the manifest says e3b0", true},
+        {"escape.tar", {{"payload/../../escape.txt", '0', "x"}}, refused + "The package holds an unsafe entry 'payload/../../escape.txt'."},
+        {"linkentry.tar", {{"payload/passwd", '2', "/etc/passwd"}}, refused + "The package entry 'payload/passwd' is not a regular file or folder."},
+        {"bomb.tar", {{"payload/zeros", 'B', std::to_string(std::uint64_t{3} << 29)}}, refused + "The payload is larger than 1073741824 bytes."},
+        {"field.tar", {{"manifest.json", '0', R"({"version":"7","colour":"red"})"}}, refused + "Unknown manifest field 'colour'."},
+        {"date.tar", {{"manifest.json", '0', R"({"version":"7","releaseDate":"2026-01-01T00:00:00+02:00"})"}},
+         refused + "Release date '2026-01-01T00:00:00+02:00' must be in UTC (ending in Z)."},
+        {"manifest.tar", {}, refused + "The signature does not match manifest.json for key "},
+        {"payload.tar", {}, refused + "Payload checksum mismatch", true},
+        {"stranger.tar", {}, refused + "manifest.json is signed by key "},
+        // The keyring is read at every staging: a key taken out of it while the manager runs is not trusted.
+        {"withdrawn.tar", {}, refused + "manifest.json is signed by key "},
     };
     for (const Refusal& r : refusals)
     {
@@ -348,13 +343,20 @@ TEST_F(InstallationTest, RefusedPackagesLeaveThePreviousPendingPackageInPlace)
         {
             WriteTar(Incoming() / r.reference, r.tar);
         }
+        if (r.reference == "withdrawn.tar")
+        {
+            fs::remove(Keyring() / "test.pem");
+        }
         Text text;
-        EXPECT_EQ(r.status, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text(r.reference.c_str()), text));
+        EXPECT_EQ(StatusCodes::BadInvalidArgument, proxy->SetSoftwarePackage(SoftwareKind::GenericFiles, Alpha, Text(r.reference.c_str()), text));
         EXPECT_EQ(0u, text.ToString().rfind("The package '" + r.reference + "' " + r.message, 0)) << text.CStr();
+        char events[4096];
+        EXPECT_EQ(r.extracts, ::read(watch, events, sizeof events) > 0);
         EXPECT_EQ("1.5.0", Information().PendingManifest.Version.ToString());
         EXPECT_EQ(stagedBefore, Names(AlphaFolder() / "staged"));
         EXPECT_EQ(stateBefore, ReadText(AlphaFolder() / "state.json"));
     }
+    ::close(watch);
     EXPECT_FALSE(fs::exists(temp / "escape.txt"));
 }
 

@@ -22,9 +22,11 @@
 #include <gtest/gtest.h>
 
 #include "ServiceContracts/ISoftwareManagerService.hpp"
+#include "Zun/SoftwareManager/FrameCodec.hpp"
 #include "Zun/SoftwareManager/SocketChannel.hpp"
 #include "Zun/SoftwareManager/SoftwareManagerServiceProxyFactory.hpp"
 #include "Zun/Testing/TimeScale.hpp"
+#include "tests/unit/Platform/Expect.hpp"
 
 namespace Zun::Testing::Integration
 {
@@ -32,6 +34,7 @@ namespace Zun::Testing::Integration
 namespace fs = std::filesystem;
 namespace Manager = Zun::Services::SoftwareManager::Services::Internal;
 using Text = System::Rsc::RscString<512>;
+using ZunTest::MessageOf;
 
 inline std::string BinaryPath(const char* name)
 {
@@ -44,7 +47,6 @@ inline std::string ReadText(const fs::path& path)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The sorted names in `folder`.
 inline std::vector<std::string> Names(const fs::path& folder)
 {
     std::vector<std::string> names;
@@ -72,43 +74,38 @@ bool Eventually(Condition done)
     return true;
 }
 
-// Checks that `action` throws `Exception` with exactly `message`.
-template <class Exception, class Action>
-void ExpectThrow(Action action, const std::string& message)
+// A bound in milliseconds for a program's option (a call's time-out, a test's phase delay).
+inline std::uint32_t ScaledMilliseconds(std::uint32_t base)
 {
-    try
-    {
-        action();
-        ADD_FAILURE() << "no exception, expected: " << message;
-    }
-    catch (const Exception& e)
-    {
-        EXPECT_EQ(message, e.GetMessage());
-    }
+    return static_cast<std::uint32_t>(Zun::Testing::Scaled(std::chrono::milliseconds(base)).count());
 }
 
+inline std::string ScaledOption(std::uint32_t baseMilliseconds)
+{
+    return std::to_string(ScaledMilliseconds(baseMilliseconds));
+}
+
+// A fresh folder, removed with everything in it at the end.
 class TemporaryFolder
 {
 public:
-    TemporaryFolder()
+    TemporaryFolder() : path((fs::temp_directory_path() / "zun-it-XXXXXX").string())
     {
-        std::string pattern = (fs::temp_directory_path() / "zun-it-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr)
+        if (::mkdtemp(path.data()) == nullptr)
         {
             throw std::runtime_error("mkdtemp failed");
         }
-        path = pattern;
     }
     ~TemporaryFolder()
     {
         std::error_code ignored;
         fs::remove_all(path, ignored);
     }
-    fs::path operator/(const std::string& name) const { return path / name; }
-    const fs::path& Get() const { return path; }
+    fs::path operator/(const std::string& name) const { return fs::path(path) / name; }
+    fs::path Get() const { return path; }
 
 private:
-    fs::path path;
+    std::string path;
 };
 
 // A built program run as a child (as `user` when not -1), its output and errors appended to files.
@@ -182,17 +179,6 @@ private:
     int exitCode = -1;
 };
 
-// A bound in milliseconds for a program's option (a call's time-out, a test's phase delay).
-inline std::uint32_t ScaledMilliseconds(std::uint32_t base)
-{
-    return static_cast<std::uint32_t>(Zun::Testing::Scaled(std::chrono::milliseconds(base)).count());
-}
-
-inline std::string ScaledOption(std::uint32_t baseMilliseconds)
-{
-    return std::to_string(ScaledMilliseconds(baseMilliseconds));
-}
-
 // Starts `arguments` and waits until it accepts connections on `socket`; null (and a failure) when it ends first.
 inline std::unique_ptr<Child> StartServer(const std::vector<std::string>& arguments, const fs::path& socket, const fs::path& log, int user = -1)
 {
@@ -205,16 +191,6 @@ inline std::unique_ptr<Child> StartServer(const std::vector<std::string>& argume
     }) && !child->HasEnded();
     EXPECT_TRUE(up) << ReadText(log);
     return up ? std::move(child) : nullptr;
-}
-
-// zun-update-service on `folder`/service with its socket `socket`, talking to the manager at `managerSocket`.
-inline std::unique_ptr<Child> StartUpdateService(const fs::path& folder, const fs::path& socket, const fs::path& managerSocket,
-                                                 const std::vector<std::string>& extra = {})
-{
-    std::vector<std::string> arguments{BinaryPath("zun-update-service"), "--state-dir", (folder / "service").string(), "--socket",
-                                       socket.string(), "--manager-socket", managerSocket.string()};
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    return StartServer(arguments, socket, folder / "service.log");
 }
 
 // The default time-out is one that a healthy service never reaches.
@@ -237,7 +213,7 @@ class ManagerProcess
 public:
     ManagerProcess(fs::path state, fs::path socket, fs::path log) : state(std::move(state)), socket(std::move(socket)), log(std::move(log)) {}
 
-    // Starts the program as `user` and waits until its socket answers; false when it ends first.
+    // False when the program ends before its socket answers.
     bool Start(const std::vector<std::string>& extra = {}, int user = -1)
     {
         std::vector<std::string> arguments{BinaryPath("zun-software-manager"), "--state-dir", state.string(), "--socket", socket.string(), "--log-level", "6"};
@@ -245,13 +221,12 @@ public:
         child = StartServer(arguments, socket, log, user);
         return child != nullptr;
     }
-    // Ends the process with `signal`; its exit code, or 128 + the signal.
     int Kill(int signal) { return child ? child->Kill(signal) : -1; }
     pid_t Pid() const { return child ? child->Pid() : -1; }
     const fs::path& Socket() const { return socket; }
     std::string Log() const { return ReadText(log); }
 
-    // The manager's own state of a component, asked without any module in between.
+    // The manager's own state of a component, and its message, asked without any module in between.
     Manager::InstallationState StateOf(Manager::SoftwareKind kind, const std::string& name, std::string* message = nullptr) const
     {
         Manager::InstallationState result = Manager::InstallationState::Idle;
@@ -262,10 +237,6 @@ public:
             *message = text.ToString();
         }
         return result;
-    }
-    bool WaitUntilSettled(Manager::SoftwareKind kind, const std::string& name) const
-    {
-        return Eventually([&] { return !IsInProgress(StateOf(kind, name)); });
     }
 
 private:
@@ -279,8 +250,7 @@ private:
 inline int RunTool(std::vector<std::string> arguments, const fs::path& output)
 {
     arguments.insert(arguments.begin(), BinaryPath("zun-software-manager"));
-    std::error_code ignored;
-    fs::remove(output, ignored);
+    fs::remove(output);
     return Child(arguments, output, output).Wait();
 }
 

@@ -5,17 +5,11 @@
 
 #include <sys/resource.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <thread>
 
-#include "../Platform/Expect.hpp"
-#include "Zun/Commons/Exception.hpp"
 #include "Zun/Testing/FakeUpdaterStatus.hpp"
-#include "Zun/Testing/Latch.hpp"
 #include "Zun/Testing/LogCapture.hpp"
 #include "Zun/Testing/UpdaterStatusContract.hpp"
 
@@ -57,9 +51,8 @@ protected:
         store.reset();
         std::filesystem::remove_all(folder);
     }
-    String File(const char* name) const { return String((folder / name).string()); }
     const std::filesystem::path folder = MakeFolder();
-    const String path = File("store.db");
+    const String path = String((folder / "store.db").string());
     std::unique_ptr<StatusStore> store = std::make_unique<StatusStore>(path);
 };
 
@@ -92,7 +85,7 @@ TEST_F(StatusStoreTest, SwitchRecordsThePreparationFlagAndRestartsProgressAndThe
     EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), String(510, 'a'));
 }
 
-TEST_F(StatusStoreTest, KeepsRecordsPersistentPropertiesAndAuditLogAcrossReopening)
+TEST_F(StatusStoreTest, KeepsRecordsAndPersistentPropertiesAcrossReopening)
 {
     store->AddComponent(Project);
     store->AddComponent(App);
@@ -100,25 +93,12 @@ TEST_F(StatusStoreTest, KeepsRecordsPersistentPropertiesAndAuditLogAcrossReopeni
     store->SetUpdateStatus(Project, "Copying", false);
     store->SetProperty(Project, "TargetSoftwareRevision", "2.0", true);
     store->SetProperty(Project, "Scratch", "x", false);
-    StoredNotification sent;
-    sent.timestamp = DateTime::FromUnixTimeMilliseconds(4'102'444'800'123); // 2100, past a 32-bit time_t
-    sent.name = "Security.Installation.Succeeded";
-    sent.senderName = "Software Update";
-    sent.severity = 1;
-    sent.text = "Installation of 'plant' (version: 2.0) successful.";
-    const std::int64_t id = store->AppendNotification(sent);
 
     store = std::make_unique<StatusStore>(path);
     EXPECT_THAT(store->GetComponentNames(), ElementsAre(Project, App));
     EXPECT_EQ(StatusOf(*store, Project).InstallationState, State::Installing);
     EXPECT_EQ(StatusOf(*store, Project).ErrorMessage.ToString(), "Copying");
     EXPECT_THAT(store->GetProperties(Project), ElementsAre(std::pair<const String, String>("TargetSoftwareRevision", "2.0")));
-    const auto kept = store->GetNotifications();
-    ASSERT_EQ(kept.size(), 1u);
-    EXPECT_EQ(std::tie(kept[0].id, kept[0].timestamp, kept[0].name, kept[0].senderName, kept[0].severity, kept[0].text),
-              std::tie(id, sent.timestamp, sent.name, sent.senderName, sent.severity, sent.text));
-    EXPECT_EQ(store->GetLastNotificationId(), id);
-    EXPECT_TRUE(store->GetNotifications(id).empty());
 }
 
 class RecordingListener : public IStatusStoreListener
@@ -129,16 +109,11 @@ public:
     {
         store.GetComponentNames(); // calling back into the store must not deadlock
         EXPECT_EQ(name, App);
-        if (fail)
-        {
-            throw std::runtime_error("listener broke");
-        }
         events.push_back(status == nullptr
                              ? "removed"
                              : fmt::format("{} '{}'", static_cast<int>(status->InstallationState), status->ErrorMessage.ToString()));
     }
     StatusStore& store;
-    bool fail = false;
     std::vector<std::string> events;
 };
 
@@ -158,16 +133,9 @@ TEST_F(StatusStoreTest, TellsListenersAboutEveryChangedRecordOnly)
     store->RemoveComponent(App);
     EXPECT_THAT(listener->events, ElementsAre("0 ''", "0 'ready'", "1 'ready'", "2 'ready'", "removed"));
 
-    // A failing listener neither undoes the change nor throws.
-    Testing::LogCapture log(3);
-    listener->fail = true;
+    // A removed record took its properties along.
     store->AddComponent(App);
-    EXPECT_NO_THROW(EXPECT_TRUE(store->SwitchToInstalling(App, false)));
-    EXPECT_EQ(StatusOf(*store, App).InstallationState, State::Installing);
-    EXPECT_TRUE(log.Contains(3, "Status listener failed for 'Generic files / app.tar': listener broke"));
-    store->RemoveListener(listener);
-    store->RemoveComponent(App);
-    EXPECT_EQ(listener->events.size(), 5u);
+    EXPECT_TRUE(store->GetProperties(App).empty());
 }
 
 // A full disk (here: no file may grow) must not end the process: the module calls the store from
@@ -183,69 +151,22 @@ TEST_F(StatusStoreTest, AFailingWriteIsLoggedAndChangesNothing)
     rlimit full = saved;
     full.rlim_cur = 0;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
-    bool threw = false;
     bool switched = true;
     for (int i = 0; i < 50; ++i)
     {
-        try
-        {
+        EXPECT_NO_THROW({
             store->SetUpdateStatus(App, String(400, static_cast<char>('a' + i % 26)), false);
             store->SetProperty(App, "key", String(400, 'k'), true);
             switched = switched && store->SwitchToInstalling(App, false);
             store->FinishInstallation(App, false);
-        }
-        catch (...)
-        {
-            threw = true;
-        }
+        });
     }
     ::setrlimit(RLIMIT_FSIZE, &saved);
     std::signal(SIGXFSZ, previousHandler);
-    EXPECT_FALSE(threw);
     EXPECT_FALSE(switched);
     EXPECT_THAT(log.Messages(3), Contains(HasSubstr("failed; the record stays as it was")));
     store->SetUpdateStatus(App, "after", true);
     EXPECT_EQ(StatusOf(*store, App).ErrorMessage.ToString(), "after");
-}
-
-TEST_F(StatusStoreTest, StoresOnOneFileSeeEachOtherAndExactlyOneOfConcurrentSwitchesWins)
-{
-    StatusStore other(path);
-    store->AddComponent(App);
-    ASSERT_TRUE(other.SwitchToInstalling(App, false));
-    EXPECT_FALSE(store->SwitchToInstalling(App, false));
-    other.FinishInstallation(App, true);
-
-    // Half share the fixture's connection, half bring their own, as other processes would.
-    constexpr int Threads = 6;
-    Testing::Latch start(Threads);
-    std::atomic<int> wins{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < Threads; ++i)
-    {
-        threads.emplace_back([&, i] {
-            std::unique_ptr<StatusStore> own = i % 2 == 0 ? nullptr : std::make_unique<StatusStore>(path);
-            start.ArriveAndWait();
-            wins += (own ? *own : *store).SwitchToInstalling(App, false) ? 1 : 0;
-        });
-    }
-    for (auto& thread : threads)
-    {
-        thread.join();
-    }
-    EXPECT_EQ(wins.load(), 1);
-}
-
-TEST_F(StatusStoreTest, RefusesAFileThatIsNotAStoreAndAMissingFolder)
-{
-    const String notes = File("notes.txt");
-    std::ofstream(std::string(notes)) << "these are not the records you are looking for, not at all, not one of them\n";
-    const String missing = File("missing/store.db");
-    using System::Commons::InvalidOperationException;
-    EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(notes); }),
-              fmt::format("Status store '{}': PRAGMA journal_mode=WAL failed: file is not a database", notes));
-    EXPECT_EQ(ZunTest::MessageOf<InvalidOperationException>([&] { StatusStore store(missing); }),
-              fmt::format("Cannot open the status store '{}': unable to open database file", missing));
 }
 
 // Run with the realtime clock moved to 2040 by the ClockAfter2038 test (tests/CMakeLists.txt), also

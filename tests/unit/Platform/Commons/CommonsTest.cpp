@@ -1,6 +1,5 @@
 #include <pthread.h>
 
-#include <atomic>
 #include <cerrno>
 #include <future>
 #include <mutex>
@@ -19,7 +18,6 @@
 #include "Zun/Commons/StandardErrorSink.hpp"
 #include "Zun/Commons/Thread.hpp"
 #include "Zun/Testing/Latch.hpp"
-#include "Zun/Testing/LogCapture.hpp"
 
 namespace ZunTest::Types::Inner
 {
@@ -33,10 +31,8 @@ namespace
 
 using namespace Zun::System::Commons::Diagnostics::Logging;
 using namespace Zun::System::Commons::Threading;
-using Zun::RuntimeTypeInfo;
 using Zun::String;
 using Zun::System::Commons::InvalidOperationException;
-using Zun::Testing::Notification;
 using ZunTest::MessageOf;
 
 bool TryLockElsewhere(Mutex& mutex)
@@ -66,24 +62,20 @@ TEST(MutexTest, RecursiveNestsAndFreesOnTheLastUnlockOtherwiseReentryIsRefused)
     EXPECT_TRUE(TryLockElsewhere(mutex));
 }
 
-ThreadSettings Settings(const char* name, std::function<void(void*)> body)
+// The state reads 2 from Start until the body returns, 0 otherwise; the name is cut to the kernel's 15 bytes.
+TEST(ThreadTest, StateStartJoinAndNameFollowTheThread)
 {
-    return ThreadSettings(name, 0, 0, 0, ThreadDelegate(std::move(body)));
-}
-
-// The state reads 0 or 2 only: 2 from Start until the body returns.
-TEST(ThreadTest, StateStartAndJoinFollowTheBody)
-{
-    Notification entered;
-    Notification release;
-    void* seenArgument = nullptr;
+    Zun::Testing::Notification entered;
+    Zun::Testing::Notification release;
+    char name[32] = {};
     int argument = 0;
-    Thread thread(Settings("Held",
-                           [&](void* given) {
-                               seenArgument = given;
-                               entered.Notify();
-                               release.WaitFor();
-                           }),
+    void* seenArgument = nullptr;
+    Thread thread(ThreadSettings("SUUpdateStatusWithALongTail", 0, 0, 0, ThreadDelegate([&](void* given) {
+                      seenArgument = given;
+                      ::pthread_getname_np(::pthread_self(), name, sizeof(name));
+                      entered.Notify();
+                      release.WaitFor();
+                  })),
                   &argument);
     EXPECT_EQ(thread.GetState(), 0);
     EXPECT_FALSE(thread.IsJoinable());
@@ -91,50 +83,27 @@ TEST(ThreadTest, StateStartAndJoinFollowTheBody)
     ASSERT_TRUE(entered.WaitFor());
     EXPECT_EQ(thread.GetState(), 2);
     EXPECT_TRUE(thread.IsJoinable());
-    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Start(); }), "Thread 'Held' was already started.");
-
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Start(); }), "Thread 'SUUpdateStatusWithALongTail' was already started.");
     release.Notify();
     thread.Join();
     EXPECT_EQ(thread.GetState(), 0);
     EXPECT_FALSE(thread.IsJoinable());
     EXPECT_EQ(seenArgument, &argument);
-    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Join(); }), "Thread 'Held' is not joinable.");
-}
-
-TEST(ThreadTest, NameIsCutTo15BytesAndABodyExceptionIsLogged)
-{
-    Zun::Testing::LogCapture capture(1);
-    char name[32] = {};
-    Thread named(Settings("SUUpdateStatusWithALongTail", [&](void*) { ::pthread_getname_np(::pthread_self(), name, sizeof(name)); }));
-    named.Start();
-    named.Join();
     EXPECT_STREQ(name, "SUUpdateStatusW");
-
-    Thread failing(Settings("Failing", [](void*) { throw std::runtime_error("broken"); }));
-    failing.Start();
-    failing.Join();
-    EXPECT_EQ(capture.Messages(1), std::vector<String>{"Thread 'Failing' ended by an exception: broken"});
+    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { thread.Join(); }), "Thread 'SUUpdateStatusWithALongTail' is not joinable.");
 }
 
-struct LastRecordSink : ILogSink
+struct Sink : ILogSink
 {
-    void Write(const LogRecord& record) override
-    {
-        ++writes;
-        message = record.message;
-        kind = record.timestamp.GetKind();
-    }
-    int writes = 0;
-    String message;
-    Zun::DateTimeKind kind = Zun::DateTimeKind::Unspecified;
+    explicit Sink(std::function<void(const LogRecord&)> write) : write(std::move(write)) {}
+    void Write(const LogRecord& record) override { write(record); }
+    std::function<void(const LogRecord&)> write;
 };
 
-struct FailingSink : ILogSink
-{
-    void Write(const LogRecord&) override { throw std::runtime_error("sink down"); }
-};
-
-TEST(LogManagerTest, OneLoggerPerNameAndLevelsForExistingAndNewLoggers)
+// One logger per name; levels set for all reach existing loggers, a default only new ones. The
+// sinks get UTC records until removed despite a failing sink; the standard error sink writes one
+// line per record and can be switched off.
+TEST(LogManagerTest, LevelsReachTheirLoggersAndSinksGetRecordsUntilRemoved)
 {
     LogAdapter& existing = LogManager::GetLogger("ZunTest.Existing");
     EXPECT_EQ(&LogManager::GetLogger("ZunTest.Existing"), &existing);
@@ -146,14 +115,10 @@ TEST(LogManagerTest, OneLoggerPerNameAndLevelsForExistingAndNewLoggers)
     EXPECT_EQ(existing.GetLevel(), 6);
     EXPECT_EQ(LogManager::GetLogger("ZunTest.NewAfterSetDefault").GetLevel(), 2);
     LogManager::SetAllLevels(LogManager::DefaultLevel);
-}
 
-// The sinks get UTC records until removed despite a failing sink; the standard error sink writes one
-// line per record and can be switched off.
-TEST(LogManagerTest, SinksGetRecordsUntilRemovedOrSwitchedOff)
-{
-    auto failing = std::make_shared<FailingSink>();
-    auto sink = std::make_shared<LastRecordSink>();
+    std::vector<std::pair<String, Zun::DateTimeKind>> records;
+    auto failing = std::make_shared<Sink>([](const LogRecord&) { throw std::runtime_error("sink down"); });
+    auto sink = std::make_shared<Sink>([&](const LogRecord& record) { records.emplace_back(record.message, record.timestamp.GetKind()); });
     LogManager::AddSink(failing);
     LogManager::AddSink(sink);
     LogAdapter& logger = LogManager::GetLogger("ZunTest.Sinks");
@@ -166,9 +131,7 @@ TEST(LogManagerTest, SinksGetRecordsUntilRemovedOrSwitchedOff)
     logger.Log(3, "hidden");
     LogManager::SetStandardErrorSinkEnabled(true);
     const std::string text = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(sink->writes, 1);
-    EXPECT_EQ(sink->message, "1 of two");
-    EXPECT_EQ(sink->kind, Zun::DateTimeKind::Utc);
+    EXPECT_EQ(records, (std::vector<std::pair<String, Zun::DateTimeKind>>{{"1 of two", Zun::DateTimeKind::Utc}}));
     EXPECT_TRUE(std::regex_match(text, std::regex(R"(2026-11-18T11:06:40\.123Z 7 Zun::Module: Create \(Module\)\n)"
                                                   R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 3 ZunTest\.Sinks: 1 of two\n)")))
         << text;
@@ -196,12 +159,12 @@ TEST(SecureStrncpyTest, CopiesTerminatesAndReports)
 
 TEST(RuntimeTypeInfoTest, NamesTypesInFullWithoutKeywords)
 {
-    EXPECT_EQ(RuntimeTypeInfo::GetTypeName<ZunTest::Types::Inner::Widget>(), "ZunTest::Types::Inner::Widget");
+    EXPECT_EQ(Zun::RuntimeTypeInfo::GetTypeName<ZunTest::Types::Inner::Widget>(), "ZunTest::Types::Inner::Widget");
     const std::pair<const char*, const char*> cases[] = {
         {"std::map<struct K, enum E>", "std::map<K, E>"}, {"Zun::Enum<enum class X>", "Zun::Enum<X>"}, {"class class A", "A"}};
     for (const auto& [input, expected] : cases)
     {
-        EXPECT_EQ(RuntimeTypeInfo::RemoveTypeKeywords(String(input)), expected) << input;
+        EXPECT_EQ(Zun::RuntimeTypeInfo::RemoveTypeKeywords(String(input)), expected) << input;
     }
 }
 

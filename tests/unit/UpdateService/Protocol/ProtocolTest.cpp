@@ -1,11 +1,5 @@
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <thread>
-
 #include <gtest/gtest.h>
 
-#include "Zun/UpdateService/Protocol/Base64.hpp"
 #include "Zun/UpdateService/Protocol/MessageFraming.hpp"
 #include "Zun/UpdateService/Protocol/MessageReader.hpp"
 #include "Zun/UpdateService/Protocol/ProtocolError.hpp"
@@ -69,50 +63,6 @@ TEST(MessageReader, SplitsAStreamThatArrivesByteByByte)
     ASSERT_EQ(2u, messages.size());
     EXPECT_EQ("hello", messages[0]["type"]);
     EXPECT_EQ(4294967295u, messages[1]["id"].get<std::uint32_t>());
-}
-
-TEST(MessageFraming, EncodeRefusesAboveTheLimitAndReadsBackOverASocket)
-{
-    EXPECT_THROW(MessageFraming::Encode({{"a", std::string(MessageFraming::MaxMessageBytes, 'x')}}), ProtocolError);
-    int fds[2];
-    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-    const nlohmann::json sent = {{"a", std::string(MessageFraming::MaxMessageBytes - 8, 'x')}};
-    std::thread writer([&] { MessageFraming::WriteMessage(fds[0], sent); });
-    nlohmann::json received;
-    EXPECT_TRUE(MessageFraming::ReadMessage(fds[1], received));
-    writer.join();
-    EXPECT_EQ(sent, received);
-    ASSERT_EQ(2, ::write(fds[0], "\x05\x00", 2));
-    ::close(fds[0]);
-    EXPECT_THROW(MessageFraming::ReadMessage(fds[1], received), ProtocolError);
-    EXPECT_FALSE(MessageFraming::ReadMessage(fds[1], received));
-    ::close(fds[1]);
-}
-
-TEST(StatusNames, AKnownCodeByItsNameAnUnknownOneInHex)
-{
-    EXPECT_EQ("Bad_Shutdown", StatusNames::GetName(StatusNames::BadShutdown));
-    EXPECT_EQ("0x80AC0000", StatusNames::GetName(0x80AC0000u));
-}
-
-TEST(Base64, RoundTripsEveryTailLengthAndRefusesAnythingButTheCanonicalForm)
-{
-    const std::pair<std::string, std::string> table[] = {{"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xFF\xFE\x00", 3), "//4A"}};
-    for (const auto& [plain, text] : table)
-    {
-        const std::vector<std::uint8_t> bytes(plain.begin(), plain.end());
-        EXPECT_EQ(text, Base64::Encode(bytes));
-        std::vector<std::uint8_t> decoded;
-        EXPECT_TRUE(Base64::Decode(text, decoded)) << text;
-        EXPECT_EQ(bytes, decoded);
-    }
-    for (const char* text : {"Zg=", "Zg", "Z===", "Zh==", "Zm9=", "Zm 9v", "Zm9v\n", "Zg==Zg==", "Zm-_", "=Zm9"})
-    {
-        std::vector<std::uint8_t> decoded{1};
-        EXPECT_FALSE(Base64::Decode(text, decoded)) << text;
-        EXPECT_TRUE(decoded.empty()) << text;
-    }
 }
 
 } // namespace
