@@ -188,6 +188,11 @@ template <class R> RecordCase Record(const char* name, R record, const Bytes& by
             }};
 }
 
+void PrintTo(const RecordCase& c, std::ostream* out)
+{
+    *out << c.name;
+}
+
 using RecordWireTest = ::testing::TestWithParam<RecordCase>;
 
 TEST_P(RecordWireTest, WritesTheExactBytesReadsThemBackAndRefusesEveryPrefix)
@@ -223,6 +228,11 @@ template <class E, class R> std::function<std::string()> Reads(const Bytes& data
         EXPECT_EQ(record, after);
         return message;
     };
+}
+
+void PrintTo(const FaultCase& c, std::ostream* out)
+{
+    *out << c.name;
 }
 
 using RecordFaultTest = ::testing::TestWithParam<FaultCase>;
