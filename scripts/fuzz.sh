@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs one fuzz target under libFuzzer (clang 14, AddressSanitizer and UBSan) for a number of seconds.
 #   bash scripts/fuzz.sh TARGET [SECONDS] [extra libFuzzer options...]
-#   TARGET: FuzzComponentId | FuzzRecords | FuzzFrame | FuzzSignature     SECONDS: default 60
+#   TARGET: one of the list below   SECONDS: default 60, 0 for no limit (-runs=N stops after N executions)
 # New interesting inputs go to build/fuzz/corpus/TARGET (not committed); crash inputs to
 # build/fuzz/artifacts/. Replay one with: build/fuzz/bin/TARGET -runs=1 FILE
 set -euo pipefail
@@ -11,10 +11,8 @@ target=${1:?usage: fuzz.sh TARGET [SECONDS] [libFuzzer options...]}
 seconds=${2:-60}
 shift $(( $# >= 2 ? 2 : 1 ))
 
-case "$target" in
-  FuzzComponentId|FuzzRecords|FuzzFrame|FuzzSignature) ;;
-  *) echo "fuzz.sh: unknown target '$target' (FuzzComponentId, FuzzRecords, FuzzFrame, FuzzSignature)" >&2; exit 2 ;;
-esac
+targets=(FuzzComponentId FuzzRecords FuzzFrame FuzzMessageReader FuzzSignature FuzzPackage)
+[[ " ${targets[*]} " == *" $target "* ]] || { echo "fuzz.sh: unknown target '$target' (${targets[*]})" >&2; exit 2; }
 [[ "$seconds" =~ ^[0-9]+$ ]] || { echo "fuzz.sh: SECONDS must be a whole number" >&2; exit 2; }
 
 if ! command -v clang++-14 >/dev/null; then
@@ -28,6 +26,8 @@ artifacts=build/fuzz/artifacts/
 mkdir -p "$work" "$artifacts"
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+# FuzzPackage extracts into a temporary folder: memory, not disk, where there is a tmpfs.
+[ -d /dev/shm ] && export TMPDIR=${TMPDIR:-/dev/shm}
 # The first directory receives new inputs; the committed seeds are only read.
 exec "build/fuzz/bin/$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts" \
   -max_len=8192 -timeout=10 -rss_limit_mb=2048 "$@" "$work" "fuzz/corpus/$target"
