@@ -274,8 +274,11 @@ DateTime ParseIsoDate(const String& text)
 {
     int year = 0;
     unsigned month = 0, day = 0, hour = 0, minute = 0, second = 0;
-    int consumed = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u%n", &year, &month, &day, &hour, &minute, &second, &consumed) != 6 || consumed != 19)
+    // sscanf alone would also take blanks and signs in a field ("10:00:-0"): the digits are checked first.
+    static constexpr char form[] = "dddd-dd-ddTdd:dd:dd";
+    const auto fits = [](char f, char c) { return f == 'd' ? c >= '0' && c <= '9' : c == f; };
+    if (text.size() < sizeof form - 1 || !std::equal(form, form + sizeof form - 1, text.begin(), fits) ||
+        std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u", &year, &month, &day, &hour, &minute, &second) != 6)
     {
         throw PackageException("Release date '{0}' is not of the form YYYY-MM-DDTHH:MM:SSZ.", text);
     }
