@@ -494,6 +494,11 @@ struct OpenArchive
         {
             throw PackageException("The package entry '{0}' is not a regular file or folder.", path);
         }
+        // A GNU header's real size is read as base-256 without a sign check.
+        if (archive_entry_size(entry) < 0)
+        {
+            throw PackageException("The package entry '{0}' has a negative size.", path);
+        }
         std::size_t part = 0;
         for (std::size_t start = 0; start < path.size(); start += part + 1)
         {
