@@ -575,12 +575,20 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
                 bool& seen = isManifest ? hasManifest : hasSignature;
                 std::string& text = isManifest ? manifestText : signatureText;
                 const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
+                const auto refuse = [&] { return PackageException("{0} is larger than {1} bytes.", path, limit); };
                 if (archive_entry_size(entry) > limit)
                 {
-                    throw PackageException("{0} is larger than {1} bytes.", path, limit);
+                    throw refuse();
                 }
                 seen = true;
-                package.Read([&](const char* data, std::size_t size) { text.append(data, size); });
+                // The bytes are counted too: a sparse map can make an entry read as more than its header says.
+                package.Read([&](const char* data, std::size_t size) {
+                    if (static_cast<std::int64_t>(text.size() + size) > limit)
+                    {
+                        throw refuse();
+                    }
+                    text.append(data, size);
+                });
                 continue;
             }
             // The header's size is refused before anything is written: a small compressed package
