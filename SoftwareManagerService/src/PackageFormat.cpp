@@ -674,6 +674,9 @@ void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, con
     {
         ArchiveWriter writer;
         archive_write_set_format_pax_restricted(writer.archive);
+        // Paths are written as the bytes they are, as the reader takes them: a name that is not
+        // text in the process's locale (always C here) is no reason to refuse a payload.
+        archive_write_set_options(writer.archive, "hdrcharset=BINARY");
         if (archive_write_open_filename(writer.archive, temporary.c_str()) != ARCHIVE_OK)
         {
             throw PackageException("Cannot write '{0}': {1}", temporary.string(), archive_error_string(writer.archive));
