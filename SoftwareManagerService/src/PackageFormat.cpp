@@ -592,12 +592,16 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
                 continue;
             }
             // The header's size is refused before anything is written: a small compressed package
-            // must not expand onto the disk before its payload is found too large.
-            if (archive_entry_filetype(entry) == AE_IFREG && archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+            // must not expand onto the disk before its payload is found too large. A folder's size
+            // (a GNU header's real size may give it one) counts for nothing: it has no data.
+            if (archive_entry_filetype(entry) == AE_IFREG)
             {
-                throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+                if (archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+                {
+                    throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+                }
+                payloadBytes += archive_entry_size(entry);
             }
-            payloadBytes += archive_entry_size(entry);
         }
     }
     if (!hasManifest)
