@@ -1,11 +1,13 @@
-// Fuzzes the software manager transport's frame parser: the input is a byte stream that arrives on a
-// socket, read frame by frame with SocketChannel::ReceiveFrame until the peer's end. Each frame that
-// decodes has its payload read the way its receiver reads it (requests as the service does, responses
-// and error frames as the proxy does). Refusals may only be RemotingException, NotSupportedException
-// or std::length_error; every header and value that decodes must encode back to what was decoded.
+// Fuzzes the software manager transport's frame reader: the input is a byte stream arriving on a
+// socket, read with SocketChannel::ReceiveFrame until the peer's end. The channel must hand out
+// exactly the frames the bytes hold (each header encoding back to the bytes sent), refuse the first
+// bad header, and end where a frame is cut. Each payload is read as its receiver reads it (requests
+// as the service, responses and errors as the proxy), refused only with RemotingException,
+// NotSupportedException or std::length_error; records and error payloads write and read back equal.
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -23,7 +25,7 @@ using Zun::System::Commons::NotSupportedException;
 using Zun::System::Rsc::RemotingException;
 using Zun::System::Rsc::RemotingReader;
 using Zun::System::Rsc::RemotingWriter;
-using Zun::System::Rsc::RscString;
+using Text = Zun::System::Rsc::RscString<512>;
 using Transport::FrameType;
 using Transport::Operation;
 
@@ -39,206 +41,149 @@ bool HasUnspecifiedDate(const SoftwareInformation& information)
            information.PendingManifest.ReleaseDate.GetKind() == Zun::DateTimeKind::Unspecified;
 }
 
-// Writing, reading back and writing again must give the same bytes (unless a date cannot be written).
-template <class Write, class Read>
-void CheckRoundTrip(Write write, Read read, bool unwritable)
+bool HasUnspecifiedDate(const std::vector<SoftwareInformation>& list)
+{
+    return std::any_of(list.begin(), list.end(), [](const auto& information) { return HasUnspecifiedDate(information); });
+}
+
+// Writing, reading back and writing again gives the same bytes; only an Unspecified date cannot be written.
+template <class Value>
+void CheckRoundTrip(const Value& value, void (*write)(RemotingWriter&, const Value&), void (*read)(RemotingReader&, Value&))
 {
     std::vector<std::uint8_t> first;
     try
     {
         RemotingWriter writer(first);
-        write(writer);
+        write(writer, value);
     }
     catch (const NotSupportedException&)
     {
-        ZUN_FUZZ_CHECK(unwritable, "a decoded value could not be encoded");
+        ZUN_FUZZ_CHECK(HasUnspecifiedDate(value), "a decoded value could not be encoded");
         return;
     }
-    ZUN_FUZZ_CHECK(!unwritable, "a value with an Unspecified date was encoded");
+    ZUN_FUZZ_CHECK(!HasUnspecifiedDate(value), "a value with an Unspecified date was encoded");
     RemotingReader reader(first.data(), first.size());
-    std::vector<std::uint8_t> second;
+    Value again;
     try
     {
-        read(reader, second);
+        read(reader, again);
     }
     catch (const std::exception& e)
     {
-        std::fprintf(stderr, "re-read failed: %s\n", e.what());
-        std::abort();
+        ZUN_FUZZ_CHECK(false, e.what());
     }
-    ZUN_FUZZ_CHECK(reader.GetRemaining() == 0, "the re-read left bytes");
-    ZUN_FUZZ_CHECK(first == second, "a decoded value encodes differently after a round trip");
+    std::vector<std::uint8_t> second;
+    RemotingWriter writer(second);
+    write(writer, again);
+    ZUN_FUZZ_CHECK(reader.GetRemaining() == 0 && first == second, "a decoded value encodes differently after a round trip");
 }
 
-void CheckRecord(const SoftwareInformation& information)
+void ReadPayload(const Transport::FrameHeader& header, RemotingReader& reader)
 {
-    CheckRoundTrip([&](RemotingWriter& w) { Transport::WriteRecord(w, information); },
-                   [](RemotingReader& r, std::vector<std::uint8_t>& out) {
-                       SoftwareInformation again;
-                       Transport::ReadRecord(r, again);
-                       RemotingWriter w(out);
-                       Transport::WriteRecord(w, again);
-                   },
-                   HasUnspecifiedDate(information));
-}
-
-void CheckRecordList(const std::vector<SoftwareInformation>& list)
-{
-    bool unwritable = false;
-    for (const auto& information : list)
+    Text text;
+    if (header.type == FrameType::Request)
     {
-        unwritable = unwritable || HasUnspecifiedDate(information);
+        if (header.operation != Operation::None && header.operation != Operation::GetAllSoftwareInformation &&
+            header.operation != Operation::GetPackageDirectory)
+        {
+            Transport::ReadKind(reader);
+            Transport::ReadText(reader, text);
+        }
+        if (header.operation == Operation::SetSoftwarePackage)
+        {
+            Transport::ReadText(reader, text);
+        }
     }
-    CheckRoundTrip([&](RemotingWriter& w) { Transport::WriteRecordList(w, list); },
-                   [](RemotingReader& r, std::vector<std::uint8_t>& out) {
-                       std::vector<SoftwareInformation> again;
-                       Transport::ReadRecordList(r, again);
-                       RemotingWriter w(out);
-                       Transport::WriteRecordList(w, again);
-                   },
-                   unwritable);
-}
-
-// Arguments of a request, as the service reads them.
-void ReadRequest(Operation operation, RemotingReader& reader)
-{
-    switch (operation)
-    {
-    case Operation::None:
-    case Operation::GetAllSoftwareInformation:
-    case Operation::GetPackageDirectory:
-        break;
-    case Operation::SetSoftwarePackage:
-    {
-        Transport::ReadKind(reader);
-        RscString<512> name;
-        RscString<512> package;
-        Transport::ReadText(reader, name);
-        Transport::ReadText(reader, package);
-        break;
-    }
-    default:
-    {
-        Transport::ReadKind(reader);
-        RscString<512> name;
-        Transport::ReadText(reader, name);
-        break;
-    }
-    }
-    Transport::ExpectEnd(reader);
-}
-
-// Results of a response, as the proxy reads them.
-void ReadResponse(Operation operation, RemotingReader& reader)
-{
-    const std::uint32_t status = Transport::ReadStatus(reader);
-    if (status != Transport::StatusCodes::Good)
+    else if (Transport::ReadStatus(reader) != Transport::StatusCodes::Good)
     {
         if (reader.GetRemaining() != 0)
         {
-            RscString<512> text;
             Transport::ReadText(reader, text);
         }
-        Transport::ExpectEnd(reader);
-        return;
     }
-    switch (operation)
-    {
-    case Operation::GetAllSoftwareInformation:
+    else if (header.operation == Operation::GetAllSoftwareInformation)
     {
         std::vector<SoftwareInformation> list;
         Transport::ReadRecordList(reader, list);
-        Transport::ExpectEnd(reader);
-        CheckRecordList(list);
-        return;
+        CheckRoundTrip(list, Transport::WriteRecordList, Transport::ReadRecordList);
     }
-    case Operation::GetSoftwareInformation:
+    else if (header.operation == Operation::GetSoftwareInformation)
     {
         SoftwareInformation information;
         Transport::ReadRecord(reader, information);
-        Transport::ExpectEnd(reader);
-        CheckRecord(information);
-        return;
+        CheckRoundTrip(information, Transport::WriteRecord, Transport::ReadRecord);
     }
-    case Operation::GetInstallationState:
+    else if (header.operation == Operation::GetInstallationState || header.operation == Operation::SetSoftwarePackage ||
+             header.operation == Operation::GetPackageDirectory)
     {
-        Transport::ReadInt32(reader);
-        RscString<512> text;
+        if (header.operation == Operation::GetInstallationState)
+        {
+            Transport::ReadInt32(reader);
+        }
         Transport::ReadText(reader, text);
-        break;
-    }
-    case Operation::SetSoftwarePackage:
-    case Operation::GetPackageDirectory:
-    {
-        RscString<512> text;
-        Transport::ReadText(reader, text);
-        break;
-    }
-    default:
-        break;
     }
     Transport::ExpectEnd(reader);
 }
 
 void CheckFrame(const Transport::Frame& frame)
 {
-    ZUN_FUZZ_CHECK(frame.header.payloadLength <= Transport::MaxPayloadSize, "a payload above the bound was accepted");
-    ZUN_FUZZ_CHECK(frame.payload.size() == frame.header.payloadLength, "the payload length differs from the header");
-
-    // A decoded header encodes back to a header that decodes to the same fields.
-    std::uint8_t encoded[Transport::FrameHeaderSize];
-    Transport::EncodeFrameHeader(frame.header, encoded);
-    const Transport::FrameHeader again = Transport::DecodeFrameHeader(encoded, sizeof encoded);
-    ZUN_FUZZ_CHECK(again.type == frame.header.type && again.operation == frame.header.operation &&
-                       again.requestId == frame.header.requestId && again.payloadLength == frame.header.payloadLength,
-                   "a decoded header does not round-trip");
-
-    switch (frame.header.type)
-    {
-    case FrameType::Error:
+    if (frame.header.type == FrameType::Error)
     {
         const Transport::ErrorPayload error = Transport::DecodeErrorPayload(frame.payload);
-        const Transport::ErrorPayload decoded =
-            Transport::DecodeErrorPayload(Transport::EncodeErrorPayload(error.status, error.message));
-        ZUN_FUZZ_CHECK(decoded.status == error.status && decoded.message == error.message, "an error payload does not round-trip");
-        break;
+        const Transport::ErrorPayload again = Transport::DecodeErrorPayload(Transport::EncodeErrorPayload(error.status, error.message));
+        ZUN_FUZZ_CHECK(again.status == error.status && again.message == error.message, "an error payload does not round-trip");
+        return;
     }
-    case FrameType::Request:
-    {
-        RemotingReader reader(frame.payload.data(), frame.payload.size());
-        ReadRequest(frame.header.operation, reader);
-        break;
-    }
-    case FrameType::Response:
-    {
-        RemotingReader reader(frame.payload.data(), frame.payload.size());
-        ReadResponse(frame.header.operation, reader);
-        break;
-    }
-    default:
-        ZUN_FUZZ_CHECK(false, "a frame of unknown type was accepted");
-    }
+    RemotingReader reader(frame.payload.data(), frame.payload.size());
+    ReadPayload(frame.header, reader);
 }
 
-void ReceiveAll(Transport::SocketChannel& channel)
+// Receives frame by frame and compares each with the bytes at `at`.
+void ReceiveAll(Transport::SocketChannel& channel, const std::uint8_t* data, std::size_t size)
 {
-    for (;;)
+    for (std::size_t at = 0;;)
     {
         Transport::Frame frame;
-        Transport::IoResult result;
+        Transport::IoResult result = Transport::IoResult::Closed;
+        bool refused = false;
         try
         {
             result = channel.ReceiveFrame(frame, Transport::NoDeadline, Transport::NoDeadline);
         }
         catch (const RemotingException&)
         {
-            return; // the stream cannot be resynchronised after a bad header
+            refused = true;
         }
-        if (result == Transport::IoResult::Closed)
+        if (result == Transport::IoResult::Closed && !refused)
         {
+            // The bytes left are less than a header or than the payload it names.
+            ZUN_FUZZ_CHECK(size - at < Transport::FrameHeaderSize ||
+                               size - at - Transport::FrameHeaderSize <
+                                   (data[at + 12] | data[at + 13] << 8 | data[at + 14] << 16 | std::uint32_t{data[at + 15]} << 24),
+                           "the channel ended before a whole frame");
             return;
         }
-        ZUN_FUZZ_CHECK(result == Transport::IoResult::Ok, "a blocking receive ended neither Ok nor Closed");
+        bool decodes = true;
+        try
+        {
+            Transport::DecodeFrameHeader(data + at, size - at);
+        }
+        catch (const RemotingException&)
+        {
+            decodes = false;
+        }
+        ZUN_FUZZ_CHECK(refused == !decodes, "the channel refused a good header or took a bad one");
+        if (refused)
+        {
+            return; // the stream cannot be resynchronised after a bad header
+        }
+        std::uint8_t header[Transport::FrameHeaderSize];
+        Transport::EncodeFrameHeader(frame.header, header);
+        ZUN_FUZZ_CHECK(result == Transport::IoResult::Ok && std::memcmp(header, data + at, sizeof header) == 0 &&
+                           frame.payload.size() == frame.header.payloadLength &&
+                           std::equal(frame.payload.begin(), frame.payload.end(), data + at + sizeof header),
+                       "a frame received differs from the bytes sent");
+        at += sizeof header + frame.payload.size();
         try
         {
             CheckFrame(frame);
@@ -267,8 +212,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZUN_FUZZ_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, "socketpair failed");
     const int sendBuffer = static_cast<int>(2 * MaxInput);
     ::setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
-    std::size_t sent = 0;
-    while (sent < size)
+    for (std::size_t sent = 0; sent < size;)
     {
         const ssize_t n = ::write(fds[0], data + sent, size - sent);
         ZUN_FUZZ_CHECK(n > 0, "writing the input into the socket failed");
@@ -276,6 +220,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     ::close(fds[0]);
     Transport::SocketChannel channel(fds[1]);
-    ReceiveAll(channel);
+    ReceiveAll(channel, data, size);
     return 0;
 }

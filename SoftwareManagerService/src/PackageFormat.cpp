@@ -274,8 +274,11 @@ DateTime ParseIsoDate(const String& text)
 {
     int year = 0;
     unsigned month = 0, day = 0, hour = 0, minute = 0, second = 0;
-    int consumed = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u%n", &year, &month, &day, &hour, &minute, &second, &consumed) != 6 || consumed != 19)
+    // sscanf alone would also take blanks and signs in a field ("10:00:-0"): the digits are checked first.
+    static constexpr char form[] = "dddd-dd-ddTdd:dd:dd";
+    const auto fits = [](char f, char c) { return f == 'd' ? c >= '0' && c <= '9' : c == f; };
+    if (text.size() < sizeof form - 1 || !std::equal(form, form + sizeof form - 1, text.begin(), fits) ||
+        std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u", &year, &month, &day, &hour, &minute, &second) != 6)
     {
         throw PackageException("Release date '{0}' is not of the form YYYY-MM-DDTHH:MM:SSZ.", text);
     }
@@ -491,6 +494,11 @@ struct OpenArchive
         {
             throw PackageException("The package entry '{0}' is not a regular file or folder.", path);
         }
+        // A GNU header's real size is read as base-256 without a sign check.
+        if (archive_entry_size(entry) < 0)
+        {
+            throw PackageException("The package entry '{0}' has a negative size.", path);
+        }
         std::size_t part = 0;
         for (std::size_t start = 0; start < path.size(); start += part + 1)
         {
@@ -567,21 +575,33 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
                 bool& seen = isManifest ? hasManifest : hasSignature;
                 std::string& text = isManifest ? manifestText : signatureText;
                 const std::int64_t limit = isManifest ? MaxManifestSize : static_cast<std::int64_t>(PackageSignature::MaxFileSize);
+                const auto refuse = [&] { return PackageException("{0} is larger than {1} bytes.", path, limit); };
                 if (archive_entry_size(entry) > limit)
                 {
-                    throw PackageException("{0} is larger than {1} bytes.", path, limit);
+                    throw refuse();
                 }
                 seen = true;
-                package.Read([&](const char* data, std::size_t size) { text.append(data, size); });
+                // The bytes are counted too: a sparse map can make an entry read as more than its header says.
+                package.Read([&](const char* data, std::size_t size) {
+                    if (static_cast<std::int64_t>(text.size() + size) > limit)
+                    {
+                        throw refuse();
+                    }
+                    text.append(data, size);
+                });
                 continue;
             }
             // The header's size is refused before anything is written: a small compressed package
-            // must not expand onto the disk before its payload is found too large.
-            if (archive_entry_filetype(entry) == AE_IFREG && archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+            // must not expand onto the disk before its payload is found too large. A folder's size
+            // (a GNU header's real size may give it one) counts for nothing: it has no data.
+            if (archive_entry_filetype(entry) == AE_IFREG)
             {
-                throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+                if (archive_entry_size(entry) > MaxPayloadBytes - payloadBytes)
+                {
+                    throw PackageException("The payload is larger than {0} bytes.", MaxPayloadBytes);
+                }
+                payloadBytes += archive_entry_size(entry);
             }
-            payloadBytes += archive_entry_size(entry);
         }
     }
     if (!hasManifest)
@@ -658,6 +678,9 @@ void WritePackage(const nlohmann::json& manifestIn, const fs::path& payload, con
     {
         ArchiveWriter writer;
         archive_write_set_format_pax_restricted(writer.archive);
+        // Paths are written as the bytes they are, as the reader takes them: a name that is not
+        // text in the process's locale (always C here) is no reason to refuse a payload.
+        archive_write_set_options(writer.archive, "hdrcharset=BINARY");
         if (archive_write_open_filename(writer.archive, temporary.c_str()) != ARCHIVE_OK)
         {
             throw PackageException("Cannot write '{0}': {1}", temporary.string(), archive_error_string(writer.archive));
