@@ -160,7 +160,7 @@ tidy() {
   # Generated sources must exist before their users can be analysed.
   cmake --build --preset default -j "$jobs" >/dev/null || return 1
   # The project's own sources; the tests are covered by the compilers' warnings and the sanitizers.
-  local files="^$PWD/(Platform|ServiceContracts|SoftwareUpdater|SoftwareManagerService|UpdateService|Testing/src|fuzz)/.*\\.cpp\$"
+  local files="^$PWD/(Platform|Transport|ServiceContracts|ModuleInterface|SoftwareUpdater|SoftwareManagerService|UpdateService|Testing/src|fuzz)/.*\\.cpp\$"
   local out
   out=$(run-clang-tidy-14 -p build/default -quiet -j "$jobs" "$files" 2>&1)
   local status=$?
