@@ -195,6 +195,7 @@ worker() {
             build_target ZunUnitTests ZunIntegrationTests || return 2
             run_tests ZunUnitTests || failed=1
             run_tests ZunIntegrationTests || failed=1
+            replay_corpora || failed=$(( $? == 2 ? 2 : 1 ))
             node_tests || failed=$(( $? == 2 ? 2 : 1 ))
             return "$failed"
         fi
@@ -209,15 +210,20 @@ worker() {
         else
             run_tests ZunIntegrationTests || return 1
         fi
-        return 0
+        replay_corpora
+    }
+
+    # The fuzz targets' replays of their committed corpora, as ctest runs them (label fuzz).
+    replay_corpora() {
+        cmake --build "$build" -j"$make_jobs" >>"$log" 2>&1 || return 2
+        bounded "$build" ctest -L fuzz --stop-on-failure --output-on-failure || { echo "fuzz replay failed" >>"$log.failed"; return 1; }
     }
 
     sync_tree "$tree" >>"$log" 2>&1 || { echo "fail" >"$run/baseline-$id"; echo "mutants: copying the tree to $tree failed, see $log" >&2; return; }
-    if [ ! -f "$build/build.ninja" ]; then
-        cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Mutants -DCMAKE_CXX_FLAGS_MUTANTS="-O1 -DNDEBUG" \
-            -DCMAKE_EXE_LINKER_FLAGS="$linker" -DCMAKE_SHARED_LINKER_FLAGS="$linker" -DCMAKE_MODULE_LINKER_FLAGS="$linker" \
-            -DCMAKE_LINK_DEPENDS_NO_SHARED=ON -DZUN_BUILD_TESTS=ON -DZUN_BUILD_SERVICES=ON -DZUN_BUILD_FUZZERS=OFF >>"$log" 2>&1
-    fi
+    # Configured at every run: a cache from an older script keeps no stale option.
+    cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Mutants -DCMAKE_CXX_FLAGS_MUTANTS="-O1 -DNDEBUG" \
+        -DCMAKE_EXE_LINKER_FLAGS="$linker" -DCMAKE_SHARED_LINKER_FLAGS="$linker" -DCMAKE_MODULE_LINKER_FLAGS="$linker" \
+        -DCMAKE_LINK_DEPENDS_NO_SHARED=ON -DZUN_BUILD_TESTS=ON -DZUN_BUILD_SERVICES=ON -DZUN_BUILD_FUZZERS=ON >>"$log" 2>&1
     if ! cmake --build "$build" -j"$make_jobs" >>"$log" 2>&1; then
         echo "fail" >"$run/baseline-$id"; echo "mutants: the unchanged tree does not build, see $log" >&2; return
     fi

@@ -647,7 +647,16 @@ ExtractedPackage ExtractPackage(int fd, const fs::path& destination, const Keyri
         }
         fs::create_directories(target.parent_path());
         FileDescriptor out(OpenExclusive(target));
+        // The first pass bounded the sizes the headers give; a sparse map can make an entry read as
+        // far more, which must not reach the disk.
+        const std::int64_t declared = archive_entry_size(entry);
+        std::int64_t got = 0;
         package.Read([&](const char* data, std::size_t size) {
+            got += static_cast<std::int64_t>(size);
+            if (got > declared)
+            {
+                throw PackageException("The package is damaged: '{0}' holds more than the {1} bytes its header gives.", path, declared);
+            }
             payloadBytes += static_cast<std::int64_t>(size);
             if (payloadBytes > MaxPayloadBytes)
             {
