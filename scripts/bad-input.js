@@ -607,9 +607,9 @@ async function packageCases() {
         ["a pax header hiding ..", { extra: [paxPath("payload/../../escaped"), { name: "payload/innocent", data: Buffer.from("x") }] }],
         ["a manifest.json of 8 MiB and more", { extra: [{ name: "manifest.json", data: Buffer.alloc((8 << 20) + between(1, 4096), 0x20) }] }]
     ];
-    for (const [what, spec] of escapes) {
+    for (const [what, contents] of escapes) {
         await check("package", `package with ${what}`, async () => {
-            const problems = refused(await stage(makePackage(spec)), "Bad_InvalidArgument");
+            const problems = refused(await stage(makePackage(contents)), "Bad_InvalidArgument");
             for (const leaked of [target("absolute"), path.join(outside, "through"), path.join(work, "escaped"), path.join(managerState, "escaped")]) {
                 if (fs.existsSync(leaked)) {
                     problems.push(`wrote ${leaked}`);
@@ -672,8 +672,8 @@ async function packageCases() {
         ["a signature that is not JSON", { manifest: good, sig: randomBytes(between(1, 200)).toString("latin1") }],
         ["a signature with wrong types", { manifest: good, sig: JSON.stringify({ algorithm: "Ed25519", keyId: 7, signature: [1, 2] }) }]
     ];
-    for (const [what, spec] of signatures) {
-        await check("package", `package with ${what}`, async () => refused(await stage(makePackage(spec)), "Bad_InvalidArgument"));
+    for (const [what, contents] of signatures) {
+        await check("package", `package with ${what}`, async () => refused(await stage(makePackage(contents)), "Bad_InvalidArgument"));
     }
     const valid = makePackage({ manifest: good });
     const damaged = [
@@ -826,11 +826,11 @@ async function managerFrameCases(stalled) {
         ["the package folder as the package", { operation: Op.SetPackage, payload: Buffer.concat([goodName, text(Buffer.from(pick([".", "", "./"])))]) }],
         ["an installation of an unknown component", { operation: Op.Start, payload: name(Buffer.from(letters(between(1, 40)))) }]
     ];
-    for (const [what, spec] of cases) {
+    for (const [what, request] of cases) {
         await check("manager-frame", what, async () => {
             const manager = await Manager.open();
             try {
-                manager.write(frame(spec));
+                manager.write(frame(request));
                 const reply = await manager.reply();
                 if (!reply) {
                     return ["closed without an error frame"];

@@ -137,10 +137,10 @@ async function client(index, socketPath, requests, next, packages, counts, viola
     counts["events seen by watchers"] = (counts["events seen by watchers"] || 0) + check.events;
 }
 
-async function load([socketPath, clients, requests, seed, ...specs]) {
+async function load([socketPath, clients, requests, seed, ...uploads]) {
     const packages = {};
-    for (const spec of specs) {
-        const match = /^(.*)=(.*):([^:]*)$/.exec(spec);
+    for (const upload of uploads) {
+        const match = /^(.*)=(.*):([^:]*)$/.exec(upload);
         const bytes = fs.readFileSync(match[2]);
         packages[match[1]] = { bytes, fileName: path.basename(match[2]), revision: match[3] };
     }

@@ -220,7 +220,7 @@ run_kills() {
 }
 
 run_load() {
-  local clients=8 name specs=() old=() revision=3.0.0 i=0 watchdog status
+  local clients=8 name uploads=() old=() revision=3.0.0 i=0 watchdog status
   cycle=load
   manager_args=(); stop "$manager_pid"; start_manager
   for name in "$files" "$project"; do
@@ -228,12 +228,12 @@ run_load() {
     [ "$(host_state "$name")" = Error ] && "$bin/zun-update" resume "$name" >/dev/null 2>&1 && until_true host_settled "$name"
     old+=("$(manager_field "$name" version)")
     make_package "$name" "$revision"
-    specs+=("$name=$package:$revision")
+    uploads+=("$name=$package:$revision")
   done
   # The watchdog: a deadlock shows as a load that does not end.
   watchdog=$(( (load_requests / 10 + 120) * scale ))
   echo "soak: load, $clients clients x $load_requests requests, watchdog ${watchdog} s"
-  timeout "$watchdog" node "$root/scripts/soak-client.js" load "$usock" "$clients" "$load_requests" "$seed" "${specs[@]}" >"$work/load.out" 2>&1
+  timeout "$watchdog" node "$root/scripts/soak-client.js" load "$usock" "$clients" "$load_requests" "$seed" "${uploads[@]}" >"$work/load.out" 2>&1
   status=$?
   cat "$work/load.out"
   if [ "$status" = 124 ]; then violation "load did not end within ${watchdog} s (deadlock?)"
